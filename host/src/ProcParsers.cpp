@@ -214,10 +214,12 @@ bool parseProcStatus(const std::string& text, ProcStatus* out, std::string* erro
   FirstError errors(error);
   bool named = false;
   forEachLine(text, [&](int lineNo, std::string_view line) {
-    std::string_view field = line.substr(0, line.find(':'));
+    size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return;
+    std::string_view field = line.substr(0, colon);
     if (field == "Name") {
       // The name may hold blanks; only the separator after the colon goes.
-      out->name = std::string(trim(line.substr(field.size() + 1)));
+      out->name = std::string(trim(line.substr(colon + 1)));
       named = true;
       return;
     }
