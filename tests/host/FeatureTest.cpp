@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "DeviceRoot.h"
 #include "Properties.h"
 
 namespace {
@@ -34,6 +35,7 @@ FeatureInfo info(const std::string& name) {
 }
 
 TEST(Feature, BaseCopiesTheInfoAndSharesTheStateOfItsName) {
+  kxtest::DeviceRoot root;
   kxhost::clearProperties();
   PlainFeature feature(info("FeatureTestA"));
   EXPECT_EQ(feature.getFeatureName(), "FeatureTestA");
