@@ -133,7 +133,7 @@ TEST_F(VorakSampling, LearningStateGatesSamples) {
     send(kRemoved, 0, app);  // queued for the worker, never a sample
     send(kLaunch, 2, app);
     send(kLaunch, 101, app);
-    EXPECT_EQ(mMeter->takeSampled(), sampled ? Names{app, app} : Names{}) << state;
+    EXPECT_EQ(mMeter->takeSampled(), (sampled ? Names{app, app} : Names{})) << state;
   }
 }
 
