@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -33,9 +34,6 @@
 
 namespace {
 
-constexpr uint64_t kTotalKB = 3900000;  // a device of the 4GB class
-constexpr int kBackgroundAdj = 900;
-
 class FakeStats : public kxhost::StatsSource {
  public:
   SysStats sysStats() override {
@@ -43,15 +41,7 @@ class FakeStats : public kxhost::StatsSource {
     ++mSysCalls;
     return mSys;
   }
-  PIDStats pidStats(int pid) override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    for (const PIDStats& p : mProcs) {
-      if (p.pid == pid) return p;
-    }
-    PIDStats none{};
-    none.pid = -1;
-    return none;
-  }
+  PIDStats pidStats(int) override { return PIDStats{-1, 0, 0, 0, {}, 0}; }
   std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
     std::lock_guard<std::mutex> lock(mMutex);
     std::vector<PIDStats> out;
@@ -60,28 +50,19 @@ class FakeStats : public kxhost::StatsSource {
     }
     return out;
   }
-
   void setSys(const SysStats& s) {
     std::lock_guard<std::mutex> lock(mMutex);
     mSys = s;
   }
-  // The memory goes to the three figures so that their sum is `memKB`.
-  void addProcess(int pid, uint64_t memKB, int adj = kBackgroundAdj) {
-    PIDStats p{};
-    p.pid = pid;
-    p.rssFileKB = memKB / 4;
-    p.rssAnonSwapKB = memKB / 2;
-    p.gpuKB = memKB - memKB / 4 - memKB / 2;
-    p.oomScoreAdj = adj;
-    std::strncpy(p.comm, "sleeper", sizeof(p.comm) - 1);
+  // A background process whose three memory figures add up to `memKB`.
+  void addProcess(int pid, uint64_t memKB) {
     std::lock_guard<std::mutex> lock(mMutex);
-    mProcs.push_back(p);
+    mProcs.push_back(PIDStats{pid, memKB / 4, 900, memKB / 2, "sleeper", memKB - memKB / 4 - memKB / 2});
   }
   void removeProcess(int pid) {
     std::lock_guard<std::mutex> lock(mMutex);
-    for (auto it = mProcs.begin(); it != mProcs.end();) {
-      it = it->pid == pid ? mProcs.erase(it) : it + 1;
-    }
+    mProcs.erase(std::remove_if(mProcs.begin(), mProcs.end(), [pid](const PIDStats& p) { return p.pid == pid; }),
+                 mProcs.end());
   }
   int sysCalls() {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -95,35 +76,17 @@ class FakeStats : public kxhost::StatsSource {
   int mSysCalls = 0;
 };
 
-// Statistics of a 4GB-class device in the middle of its day. Derived figures:
-// FreeKB 200000, anon 1200000, file 1100000, page cache 1050000, CachedKB
-// 1020000, accounted 2880000, other 1020000, load 2505000, mload 1350000,
-// nmload 1155000, available 1355000, a_plus_l 3860000.
+// A 4GB-class device in the middle of its day, only the normal zone in use.
+// Derived: FreeKB 200000, anon 1200000, file 1100000, page cache 1050000,
+// CachedKB 1020000, accounted 2880000, other 1020000, load 2505000, mload
+// 1350000, nmload 1155000, available 1355000, a_plus_l 3860000.
 SysStats ordinaryStats() {
-  SysStats s{};
-  s.freeKB = 210000;  // not used: free memory is taken from the zones
-  s.totalKB = kTotalKB;
-  s.kernelStackKB = 20000;
-  s.reclaimableKB = 25000;
-  s.zramUsedKB = 150000;
-  s.zramOrigKB = 450000;
-  s.zramSizeKB = 1000000;
-  s.unreclaimableKB = 5000;
-  s.buffersKB = 40000;
-  s.sReclaimableKB = 70000;
-  s.sUnreclaimKB = 60000;
-  s.freeCmaKB = 8000;
-  s.mappedKB = 120000;
-  s.swapCachedKB = 10000;
-  s.pageTablesKB = 50000;
-  s.vmallocUsedKB = 99999;
-  s.shmemKB = 30000;
-  s.normalFreeKB = 200000;
-  s.normalActiveAnonKB = 800000;
-  s.normalInactiveAnonKB = 400000;
-  s.normalActiveFileKB = 600000;
-  s.normalInactiveFileKB = 500000;
-  return s;
+  return SysStats{210000, 3900000, 20000, 25000, 150000, 450000, 1000000, 5000, 40000, 70000, 60000, 8000,
+                  120000, 10000,   50000, 99999, 30000,
+                  0,      0,       0,     0,     0,  // dma
+                  200000, 800000,  400000, 600000, 500000,  // normal
+                  0,      0,       0,     0,     0,       // movable
+                  0,      0,       0,     0,     0};      // highMem
 }
 
 struct ModelFeature {
@@ -274,43 +237,30 @@ class VorakActionTest : public ::testing::Test {
     return *mAction;
   }
 
-  static void learn(VorakAction& a, const std::string& name, int64_t rssSwap, int64_t ionKgsl) {
-    auto* db = a.getActionOutputDb();
+  // Stores one row named `name` whose zeroed blob `fill` completes.
+  template <typename T, typename Fill>
+  static void put(KxDatabase<T>* db, const std::string& name, Fill fill) {
     ASSERT_NE(db, nullptr);
     auto rows = db->allocateDR(1);
     ASSERT_EQ(rows.size(), 1u);
     rows[0]->appName = name;
-    rows[0]->blob.rssSwap = rssSwap;
-    rows[0]->blob.ionKgsl = ionKgsl;
+    std::memset(&rows[0]->blob, 0, sizeof(T));
+    fill(rows[0]->blob);
     db->writeDeallocateDR(rows);
   }
-
+  static void learn(VorakAction& a, const std::string& name, int64_t rssSwap, int64_t ionKgsl) {
+    put(a.getActionOutputDb(), name, [&](auto& b) { b.rssSwap = rssSwap, b.ionKgsl = ionKgsl; });
+  }
   static void putPid(KxDatabase<_vorak_User_Launched_Data>& db, const std::string& app, int pid) {
-    auto rows = db.allocateDR(1);
-    ASSERT_EQ(rows.size(), 1u);
-    rows[0]->appName = app;
-    rows[0]->blob.value = pid;
-    db.writeDeallocateDR(rows);
+    put(&db, app, [&](auto& b) { b.value = pid; });
   }
-
   void putSlot(const std::string& slot, const std::string& apps) {
-    auto rows = mFavSlot.allocateDR(1);
-    ASSERT_EQ(rows.size(), 1u);
-    rows[0]->appName = slot;
-    std::memset(&rows[0]->blob, 0, sizeof(rows[0]->blob));
-    std::memcpy(rows[0]->blob.favoriteApps, apps.c_str(), apps.size());
-    mFavSlot.writeDeallocateDR(rows);
+    put(&mFavSlot, slot, [&](auto& b) { apps.copy(b.favoriteApps, sizeof(b.favoriteApps) - 1); });
   }
-
   void putServices(const std::string& app, const std::vector<std::string>& services) {
-    auto rows = mServiceOut.allocateDR(1);
-    ASSERT_EQ(rows.size(), 1u);
-    rows[0]->appName = app;
-    std::memset(&rows[0]->blob, 0, sizeof(rows[0]->blob));
-    for (size_t i = 0; i < services.size(); ++i) {
-      std::strncpy(rows[0]->blob.serviceNames[i], services[i].c_str(), sizeof(rows[0]->blob.serviceNames[i]) - 1);
-    }
-    mServiceOut.writeDeallocateDR(rows);
+    put(&mServiceOut, app, [&](auto& b) {
+      for (size_t i = 0; i < services.size(); ++i) services[i].copy(b.serviceNames[i], sizeof(b.serviceNames[i]) - 1);
+    });
   }
 
   // A sleeper offered as a background process of `memKB`.

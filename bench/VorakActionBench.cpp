@@ -1,0 +1,207 @@
+// The launch path of the kill action beside the work it cannot avoid.
+//
+// BM_LaunchPath: applyAction for a launch hint (4225, type 2) with 300
+// background candidates and 1000 learnt rows: favourite seeding, the budget
+// from the model, service accounting, the kill loop over every candidate and
+// the service pass. The preparation hint that rebuilds the candidate lists
+// before each launch runs with the timer paused.
+//
+// BM_IrreducibleWork: what any launch decision costs at least: one SQLite
+// select of the app's learnt row, straight through the C interface on the
+// same database file, and one system statistics read.
+//
+// Candidates are pids above the kernel's largest possible pid (2^22): no
+// process can have them, so getpgid rejects each one and the loop walks the
+// whole list, as it does when every candidate has gone, without ever sending
+// a signal. Owning real children instead would make each iteration fork and
+// reap, and the kills would end the loop after a few candidates.
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "FeatureInfo.h"
+#include "FsRoot.h"
+#include "Properties.h"
+#include "StatsProvider.h"
+#include "VorakAction.h"
+#include "VorakFeature.h"
+#include "support/TempDir.h"
+
+namespace {
+
+constexpr int kCandidates = 300;
+constexpr int kLearntRows = 1000;
+constexpr int kFirstImpossiblePid = (1 << 22) + 1;
+const std::string kApp = "com.bench.app500";
+
+class BenchStats : public kxhost::StatsSource {
+ public:
+  BenchStats() {
+    mSys.totalKB = 3900000;
+    mSys.kernelStackKB = 20000;
+    mSys.reclaimableKB = 25000;
+    mSys.zramUsedKB = 150000;
+    mSys.zramOrigKB = 450000;
+    mSys.zramSizeKB = 1000000;
+    mSys.unreclaimableKB = 5000;
+    mSys.buffersKB = 40000;
+    mSys.sReclaimableKB = 70000;
+    mSys.sUnreclaimKB = 60000;
+    mSys.freeCmaKB = 8000;
+    mSys.mappedKB = 120000;
+    mSys.swapCachedKB = 10000;
+    mSys.pageTablesKB = 50000;
+    mSys.shmemKB = 30000;
+    mSys.normalFreeKB = 200000;
+    mSys.normalActiveAnonKB = 800000;
+    mSys.normalInactiveAnonKB = 400000;
+    mSys.normalActiveFileKB = 600000;
+    mSys.normalInactiveFileKB = 500000;
+    for (int i = 0; i < kCandidates; ++i) {
+      PIDStats p{};
+      p.pid = kFirstImpossiblePid + i;
+      p.oomScoreAdj = 700 + i % 300;
+      p.rssFileKB = 1000 + 37 * i;
+      p.rssAnonSwapKB = 5000 + 113 * i;
+      p.gpuKB = 300 * (i % 7);
+      mProcs.push_back(p);
+    }
+  }
+  SysStats sysStats() override { return mSys; }
+  PIDStats pidStats(int pid) override {
+    for (const PIDStats& p : mProcs) {
+      if (p.pid == pid) return p;
+    }
+    PIDStats none{};
+    none.pid = -1;
+    return none;
+  }
+  std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
+    std::vector<PIDStats> out;
+    for (const PIDStats& p : mProcs) {
+      if (p.oomScoreAdj >= minAdj && p.oomScoreAdj <= maxAdj) out.push_back(p);
+    }
+    return out;
+  }
+
+ private:
+  SysStats mSys{};
+  std::vector<PIDStats> mProcs;
+};
+
+// A running feature over a private device root, with its learnt rows.
+class Device {
+ public:
+  Device() {
+    kxhost::setFsRoot(mDir.path());
+    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
+    std::filesystem::create_directories(mDir.sub("vendor/etc/kx/vorak"));
+    std::filesystem::copy_file(std::string(VORAK_DEVICE_ROOT) + "/vendor/etc/kx/vorak/vorak_4GB.data",
+                               mDir.sub("vendor/etc/kx/vorak/vorak_4GB.data"));
+    kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
+    kxhost::setStatsSource(std::make_shared<BenchStats>());
+    FeatureInfo info;
+    info.name = "Vorak";
+    mFeature = std::make_unique<VorakFeature>(info);
+    mAction = dynamic_cast<VorakAction*>(mFeature->getAction());
+    if (mAction == nullptr || mAction->getActionOutputDb() == nullptr) return;
+    // A budget of about 300 MB for the benchmarked app, inside the window.
+    auto* db = mAction->getActionOutputDb();
+    for (int i = 0; i < kLearntRows; i += 100) {
+      auto rows = db->allocateDR(100);
+      for (size_t j = 0; j < rows.size(); ++j) {
+        rows[j]->appName = "com.bench.app" + std::to_string(i + static_cast<int>(j));
+        rows[j]->blob.rssSwap = 600000;
+        rows[j]->blob.ionKgsl = 100000;
+      }
+      db->writeDeallocateDR(rows);
+    }
+  }
+  ~Device() {
+    mFeature.reset();
+    kxhost::setStatsSource(nullptr);
+    kxhost::clearProperties();
+    kxhost::setFsRoot("");
+  }
+
+  VorakAction* action() { return mAction; }
+  std::string actionDbPath() const { return mDir.sub("data/vendor/kx/Vorakaction.db"); }
+
+ private:
+  kxtest::TempDir mDir;
+  std::unique_ptr<VorakFeature> mFeature;
+  VorakAction* mAction = nullptr;
+};
+
+Device& device() {
+  static Device d;
+  return d;
+}
+
+AsyncTriggerPayload hint(int id, int type, const std::string& app) {
+  AsyncTriggerPayload p;
+  p.hintID = id;
+  p.hintType = type;
+  p.appName = app;
+  return p;
+}
+
+void BM_LaunchPath(benchmark::State& state) {
+  VorakAction* action = device().action();
+  if (action == nullptr) {
+    state.SkipWithError("feature did not start");
+    return;
+  }
+  const AsyncTriggerPayload prepare = hint(4162, 0, "");
+  const AsyncTriggerPayload launch = hint(4225, 2, kApp);
+  for (auto _ : state) {
+    state.PauseTiming();
+    action->applyAction(prepare);
+    state.ResumeTiming();
+    action->applyAction(launch);
+  }
+  if (!action->backgroundList().empty()) state.SkipWithError("the kill loop did not walk every candidate");
+}
+BENCHMARK(BM_LaunchPath)->Unit(benchmark::kMicrosecond);
+
+void BM_IrreducibleWork(benchmark::State& state) {
+  device();
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(device().actionDbPath().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    state.SkipWithError("cannot open the action database");
+    sqlite3_close(db);
+    return;
+  }
+  const std::string sql = "SELECT *, rowid FROM Vorak WHERE (appName) = ('" + kApp + "') ";
+  for (auto _ : state) {
+    state.PauseTiming();
+    state.ResumeTiming();
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
+    _vorak_Feature_Action_Data row{};
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      const void* blob = sqlite3_column_blob(stmt, 3);
+      if (blob != nullptr && sqlite3_column_bytes(stmt, 3) == static_cast<int>(sizeof(row))) {
+        std::memcpy(&row, blob, sizeof(row));
+      }
+    }
+    sqlite3_finalize(stmt);
+    SysStats s = StatsProvider::getSysStats();
+    benchmark::DoNotOptimize(row);
+    benchmark::DoNotOptimize(s);
+  }
+  sqlite3_close(db);
+}
+BENCHMARK(BM_IrreducibleWork)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
