@@ -10,14 +10,22 @@
 // select of the app's learnt row, straight through the C interface on the
 // same database file, and one system statistics read.
 //
-// Candidates are pids above the kernel's largest possible pid (2^22): no
-// process can have them, so getpgid rejects each one and the loop walks the
-// whole list, as it does when every candidate has gone, without ever sending
-// a signal. Owning real children instead would make each iteration fork and
-// reap, and the kills would end the loop after a few candidates.
+// Candidates are the benchmark's own children that have already exited and
+// are kept unreaped: a zombie keeps its pid (no other process can take it),
+// passes the getpgid check and accepts kill(pid, 9) as a no-op. So the kill
+// loop runs as on a device, ending after the few kills that cover the
+// budget, while the kills land on nothing. Pids that getpgid rejects would
+// instead make every launch walk all 300 candidates with a failed system
+// call each, a case that a device never sees at every launch.
+//
+// Kill reports are formatted but dropped by a null log sink: the log's
+// output is the host's cost, not the action's.
 
 #include <benchmark/benchmark.h>
+#include <signal.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -33,18 +41,18 @@
 #include "StatsProvider.h"
 #include "VorakAction.h"
 #include "VorakFeature.h"
+#include "kxhost/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace {
 
 constexpr int kCandidates = 300;
 constexpr int kLearntRows = 1000;
-constexpr int kFirstImpossiblePid = (1 << 22) + 1;
 const std::string kApp = "com.bench.app500";
 
 class BenchStats : public kxhost::StatsSource {
  public:
-  BenchStats() {
+  explicit BenchStats(const std::vector<pid_t>& pids) {
     mSys.totalKB = 3900000;
     mSys.kernelStackKB = 20000;
     mSys.reclaimableKB = 25000;
@@ -65,9 +73,9 @@ class BenchStats : public kxhost::StatsSource {
     mSys.normalInactiveAnonKB = 400000;
     mSys.normalActiveFileKB = 600000;
     mSys.normalInactiveFileKB = 500000;
-    for (int i = 0; i < kCandidates; ++i) {
+    for (int i = 0; i < static_cast<int>(pids.size()); ++i) {
       PIDStats p{};
-      p.pid = kFirstImpossiblePid + i;
+      p.pid = pids[i];
       p.oomScoreAdj = 700 + i % 300;
       p.rssFileKB = 1000 + 37 * i;
       p.rssAnonSwapKB = 5000 + 113 * i;
@@ -97,29 +105,58 @@ class BenchStats : public kxhost::StatsSource {
   std::vector<PIDStats> mProcs;
 };
 
+class NullSink : public kxhost::LogSink {
+ public:
+  void write(const kxhost::LogLine&) override {}
+};
+
+// Children that exit at once and stay unreaped until the end.
+class Zombies {
+ public:
+  Zombies() {
+    for (int i = 0; i < kCandidates; ++i) {
+      const pid_t pid = fork();
+      if (pid == 0) _exit(0);
+      if (pid < 0) break;
+      siginfo_t info;
+      waitid(P_PID, pid, &info, WEXITED | WNOWAIT);
+      mPids.push_back(pid);
+    }
+  }
+  ~Zombies() {
+    for (pid_t pid : mPids) waitpid(pid, nullptr, 0);
+  }
+  const std::vector<pid_t>& pids() const { return mPids; }
+
+ private:
+  std::vector<pid_t> mPids;
+};
+
 // A running feature over a private device root, with its learnt rows.
 class Device {
  public:
   Device() {
+    kxhost::setLogSink(std::make_shared<NullSink>(), true);
     kxhost::setFsRoot(mDir.path());
     std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
     std::filesystem::create_directories(mDir.sub("vendor/etc/kx/vorak"));
     std::filesystem::copy_file(std::string(VORAK_DEVICE_ROOT) + "/vendor/etc/kx/vorak/vorak_4GB.data",
                                mDir.sub("vendor/etc/kx/vorak/vorak_4GB.data"));
     kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
-    kxhost::setStatsSource(std::make_shared<BenchStats>());
+    kxhost::setStatsSource(std::make_shared<BenchStats>(mZombies.pids()));
     FeatureInfo info;
     info.name = "Vorak";
     mFeature = std::make_unique<VorakFeature>(info);
     mAction = dynamic_cast<VorakAction*>(mFeature->getAction());
     if (mAction == nullptr || mAction->getActionOutputDb() == nullptr) return;
-    // A budget of about 300 MB for the benchmarked app, inside the window.
+    // With the shipped model (safeload 0.18) a budget of about 100 MB: two
+    // or three of the largest candidates.
     auto* db = mAction->getActionOutputDb();
     for (int i = 0; i < kLearntRows; i += 100) {
       auto rows = db->allocateDR(100);
       for (size_t j = 0; j < rows.size(); ++j) {
         rows[j]->appName = "com.bench.app" + std::to_string(i + static_cast<int>(j));
-        rows[j]->blob.rssSwap = 600000;
+        rows[j]->blob.rssSwap = 660000;
         rows[j]->blob.ionKgsl = 100000;
       }
       db->writeDeallocateDR(rows);
@@ -130,6 +167,7 @@ class Device {
     kxhost::setStatsSource(nullptr);
     kxhost::clearProperties();
     kxhost::setFsRoot("");
+    kxhost::setLogSink(nullptr);
   }
 
   VorakAction* action() { return mAction; }
@@ -137,6 +175,7 @@ class Device {
 
  private:
   kxtest::TempDir mDir;
+  Zombies mZombies;
   std::unique_ptr<VorakFeature> mFeature;
   VorakAction* mAction = nullptr;
 };
@@ -168,7 +207,8 @@ void BM_LaunchPath(benchmark::State& state) {
     state.ResumeTiming();
     action->applyAction(launch);
   }
-  if (!action->backgroundList().empty()) state.SkipWithError("the kill loop did not walk every candidate");
+  const size_t kills = kCandidates - action->backgroundList().size();
+  if (kills < 1 || kills > 5) state.SkipWithError("expected a few kills per launch");
 }
 BENCHMARK(BM_LaunchPath)->Unit(benchmark::kMicrosecond);
 
