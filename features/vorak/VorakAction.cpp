@@ -81,11 +81,13 @@ void release(KxDatabase<T>* db, typename KxDBDataTable<T>::vecT& rows) {
   }
 }
 
+// Rows named `name` (every row for an empty name); a limit of 0 means the
+// store's own cap.
 template <typename T>
-typename KxDBDataTable<T>::vecT readRows(KxDatabase<T>* db, const std::string& name) {
+typename KxDBDataTable<T>::vecT readRows(KxDatabase<T>* db, const std::string& name, unsigned long limit = 0) {
   if (db == nullptr) return {};
   KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-  return db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  return db->readAllocateDR(key, limit, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
 }
 
 }  // namespace
@@ -186,9 +188,10 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
   sLaunchHandled = true;
 
   // With nothing learnt about the user yet, let the host seed the favourites.
+  // Only emptiness matters here, so one row of each table is enough.
   {
-    auto users = readRows(mUserDb, std::string());
-    auto slots = readRows(mFavTimeSlotDb, std::string());
+    auto users = readRows(mUserDb, std::string(), 1);
+    auto slots = readRows(mFavTimeSlotDb, std::string(), 1);
     if (users.empty() && slots.empty() && mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
       FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
     }
@@ -279,8 +282,8 @@ float VorakAction::vorak(float memoryToGenerate) {
   float remaining = memoryToGenerate;
   float freed = 0;
   int kills = 0;
-  // Active services are spared among the background processes only:
-  // favourites and user-launched apps are the user's own choice.
+  // Active services are looked for among the background processes only;
+  // favourites and user-launched candidates are applications.
   killFrom(mBackgroundList, true, nullptr, remaining, freed, kills);
   if (remaining > 0) {
     killFrom(mFavoriteList, false, "Fav", remaining, freed, kills);
