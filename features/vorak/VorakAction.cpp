@@ -188,14 +188,15 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
   sLaunchHandled = true;
 
   // With nothing learnt about the user yet, let the host seed the favourites.
-  // Only emptiness matters here, so one row of each table is enough.
-  {
-    auto users = readRows(mUserDb, std::string(), 1);
+  // Only emptiness matters here: one row of a table is enough, and the user
+  // table need not be read once favourites exist.
+  if (mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
     auto slots = readRows(mFavTimeSlotDb, std::string(), 1);
-    if (users.empty() && slots.empty() && mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
-      FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
+    if (slots.empty()) {
+      auto users = readRows(mUserDb, std::string(), 1);
+      if (users.empty()) FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
+      release(mUserDb, users);
     }
-    release(mUserDb, users);
     release(mFavTimeSlotDb, slots);
   }
 
