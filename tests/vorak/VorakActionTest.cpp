@@ -12,8 +12,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -415,6 +417,14 @@ TEST_F(VorakActionTest, ModelWithoutKnownInputsScoresTheBiasAlone) {
     EXPECT_EQ(f.min, 0) << name;
     EXPECT_EQ(f.max, 0) << name;
   }
+
+  // Nor does a score above 0.5 turn a negative budget into a kill.
+  writeModel(mDir, 3.0f, 0.25f, {});
+  VorakAction& b = action(0.125f);
+  learn(b, "com.b", 300000, 100000);
+  EXPECT_EQ(b.decideKill("com.b"), 0);
+  EXPECT_TRUE(mLog.contains("(appName,memToGenerate) = (com.b, -472500.000000)"));
+  EXPECT_FALSE(mLog.contains("We need not kill here."));
 }
 
 TEST_F(VorakActionTest, DecideKillWithoutLearntRowReadsNoStatistics) {
