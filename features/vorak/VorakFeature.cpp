@@ -13,6 +13,7 @@
 #include "Registry.h"
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
+#include "VorakAction.h"
 #include "kxdb/KxLog.h"
 
 namespace {
@@ -168,15 +169,25 @@ void VorakFeature::createComponents(float safeload) {
     VLOGE_IN(kCtor, "No MetaMeter for (%s : %p). Error in input DB Creation or ServiceIP DB Creation", name,
              static_cast<void*>(this));
 
-  // Action: VorakAction(*this, safeload, mUserDb, mFavPidDb, mFavTimeSlotDb,
-  // mServiceOutDb, mStartProcDb), built here once the kill action exists.
-  (void)safeload;
+  // Action: the kill action owns its output table and registers with the
+  // hint hub itself.
+  VorakAction* action = nullptr;
+  if (mUserDb != nullptr && mFavPidDb != nullptr && mFavTimeSlotDb != nullptr && mServiceOutDb != nullptr) {
+    action = new (std::nothrow)
+        VorakAction(*this, safeload, mUserDb, mFavPidDb, mFavTimeSlotDb, mServiceOutDb, mStartProcDb);
+    mAction = action;
+  }
   if (mAction == nullptr)
     VLOGE_IN(kCtor, "No Action for (%s : %p). Error in some Action DB Creation", name, static_cast<void*>(this));
 
-  // Algorithm: VorakAlgo(*this, mServiceInDb, mServiceOutDb, mVorakDb, the
-  // action's output table, mFavPidDb, mFavTimeSlotDb, mStartProcDb,
-  // mFeatureState), built here once the learning component exists.
+  // Algorithm: learns into the action's output table, so it needs the action.
+  KxDatabase<_vorak_Feature_Action_Data>* actionDb = action != nullptr ? action->getActionOutputDb() : nullptr;
+  if (actionDb != nullptr && mVorakDb != nullptr && mFavPidDb != nullptr && mFavTimeSlotDb != nullptr &&
+      mServiceInDb != nullptr && mServiceOutDb != nullptr) {
+    // VorakAlgo(*this, mServiceInDb, mServiceOutDb, mVorakDb, actionDb,
+    // mFavPidDb, mFavTimeSlotDb, mStartProcDb, mFeatureState), built here
+    // once the learning component exists.
+  }
   if (mAlgo == nullptr)
     VLOGE_IN(kCtor, "No Algo for (%s : %p). Error in some Action/RAM DB Creation", name, static_cast<void*>(this));
 }

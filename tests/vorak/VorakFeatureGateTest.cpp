@@ -7,6 +7,7 @@
 #include <fstream>
 #include <random>
 
+#include "VorakAction.h"
 #include "VorakDevice.h"
 #include "kxhost/LogCapture.h"
 
@@ -137,9 +138,11 @@ TEST(VorakFeatureStart, StartedFeatureKeepsItsTablesAndReportsWhenTracing) {
   ASSERT_FALSE(feature->isDisabled());
   EXPECT_TRUE(feature->isTraceVorak());
   EXPECT_TRUE(log.contains("Successfully Created constructors and Enabled Vorak Feature.", kError));
-  // The components are not part of this build yet: their absence is reported.
+  // The kill action is built; the components not part of this build yet are
+  // reported missing.
+  EXPECT_NE(dynamic_cast<VorakAction*>(feature->getAction()), nullptr);
+  EXPECT_FALSE(log.contains("No Action for"));
   EXPECT_TRUE(log.contains("No MetaMeter for (Vorak : 0x"));
-  EXPECT_TRUE(log.contains("No Action for (Vorak : 0x"));
   EXPECT_TRUE(log.contains("No Algo for (Vorak : 0x"));
   for (const char* file : {"Vorak.db", "VorakServiceIP.db", "VorakServiceOP.db"})
     EXPECT_TRUE(std::filesystem::exists(device.dir().sub(std::string("data/vendor/kx/") + file))) << file;
