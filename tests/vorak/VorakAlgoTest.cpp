@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "AndroidLog.h"
 #include "FeatureInfo.h"
 #include "FeatureState.h"
 #include "Properties.h"

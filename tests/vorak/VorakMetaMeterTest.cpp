@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "AndroidLog.h"
 #include "DependentServices.h"
 #include "FeatureInfo.h"
 #include "FeatureState.h"
