@@ -13,10 +13,12 @@
 #include "AndroidLog.h"
 #include "FeatureInfo.h"
 #include "FeatureState.h"
+#include "FsRoot.h"
 #include "Properties.h"
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
 #include "kxhost/LogCapture.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -25,6 +27,10 @@ using Learnt = std::pair<int64_t, int64_t>;  // ionKgsl, rssSwap
 class VorakAlgoTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // Learning states persist under the device root, in a data directory
+    // this root lacks: they stay in memory, which keeps a thousand state
+    // writes cheap and nothing is written outside our directory.
+    kxhost::setFsRoot(mDir.path());
     kxhost::clearFeatureStates();
     // The algorithm only asks its feature for the trace switch: a disabled
     // feature, which opens nothing, is enough.
@@ -43,6 +49,13 @@ class VorakAlgoTest : public ::testing::Test {
     ASSERT_EQ(mFavSlotDb.KxDatabaseInit(), KXDB_SUCCESS);
     mAlgo = std::make_unique<VorakAlgo>(*mFeature, &mServiceInDb, &mServiceOutDb, &mMeterDb, &mActionDb,
                                         &mFavPidDb, &mFavSlotDb, &mStartProcDb, mState);
+  }
+
+  void TearDown() override {
+    mAlgo.reset();
+    mFeature.reset();
+    kxhost::clearFeatureStates();
+    kxhost::setFsRoot("");
   }
 
   template <typename T, typename Fill>
@@ -82,6 +95,7 @@ class VorakAlgoTest : public ::testing::Test {
     mAlgo->runAlgo(cancel);
   }
 
+  kxtest::TempDir mDir;
   std::unique_ptr<VorakFeature> mFeature;
   FeatureState mState{"VorakAlgoTest"};
   KxDatabase<_vorak_Meter_Data> mMeterDb{100, "", "Vorak"};

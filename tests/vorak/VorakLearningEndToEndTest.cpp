@@ -129,6 +129,7 @@ TEST(VorakLearningEndToEnd, SampledLaunchesBecomeOneLearntRowHoldingTheirMean) {
   EXPECT_TRUE(log.contains("VorakAlgo::runAlgo finished"));
 
   feature.reset();
+  kxhost::clearFeatureStates();
   kxhost::setStatsSource(nullptr);
   kxhost::clearProperties();
   kxhost::setFsRoot("");

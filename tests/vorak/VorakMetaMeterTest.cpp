@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -15,10 +16,12 @@
 #include "DependentServices.h"
 #include "FeatureInfo.h"
 #include "FeatureState.h"
+#include "FsRoot.h"
 #include "StatsProvider.h"
 #include "VorakMetaMeter.h"
 #include "kxhost/LogCapture.h"
 #include "support/Sleepers.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -66,6 +69,9 @@ std::unique_ptr<Meter> memoryMeter(const std::string& app, int pid, std::vector<
 class VorakMetaMeterTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // Learning states persist under the device root: keep them in our directory.
+    kxhost::setFsRoot(mDir.path());
+    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
     kxhost::clearFeatureStates();
     kxhost::ServiceRegistry::instance().clear();
     kxhost::setStatsSource(mStats);
@@ -78,6 +84,8 @@ class VorakMetaMeterTest : public ::testing::Test {
   }
   void TearDown() override {
     mMeter.reset();
+    kxhost::clearFeatureStates();
+    kxhost::setFsRoot("");
     kxhost::setStatsSource(nullptr);
     kxhost::ServiceRegistry::instance().clear();
   }
@@ -123,6 +131,7 @@ class VorakMetaMeterTest : public ::testing::Test {
     }
   }
 
+  kxtest::TempDir mDir;
   std::shared_ptr<FakeStats> mStats = std::make_shared<FakeStats>();
   KxDatabase<_vorak_Meter_Data> mMeterDb{100, "", "Vorak"};
   KxDatabase<_vorak_App_Service_In> mServiceInDb{100, "", "Vorak"};
