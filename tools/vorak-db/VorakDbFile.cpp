@@ -1,0 +1,219 @@
+#include "VorakDbFile.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace vorakdb {
+namespace {
+
+constexpr size_t kServiceSlots = 12;
+constexpr size_t kServiceSlotSize = 256;
+
+template <typename T>
+T readNative(const std::string& blob, size_t offset) {
+  T v;
+  std::memcpy(&v, blob.data() + offset, sizeof v);
+  return v;
+}
+
+std::string baseName(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool endsWith(const std::string& s, const std::string& suffix) {
+  return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// A C string inside a fixed field; a field without a terminator ends at its size.
+std::string fixedString(const char* p, size_t size) { return std::string(p, strnlen(p, size)); }
+
+}  // namespace
+
+const std::vector<RowTypeInfo>& rowTypes() {
+  static const std::vector<RowTypeInfo> kTypes = {
+      {RowType::Samples, "samples", "meter samples (ion_kgsl, rss_swap KB)", 16},
+      {RowType::Needs, "needs", "learnt launch needs (mean ion_kgsl, rss_swap KB)", 16},
+      {RowType::Services, "services", "dependent service lists", kServiceSlots * kServiceSlotSize},
+      {RowType::User, "user", "user-launched values (process ids)", 4},
+      {RowType::Favourites, "favourites", "favourite applications per time slot", 4096},
+      {RowType::States, "states", "learning states", 4},
+  };
+  return kTypes;
+}
+
+const RowTypeInfo& info(RowType type) {
+  for (const auto& t : rowTypes())
+    if (t.type == type) return t;
+  return rowTypes().front();
+}
+
+std::optional<RowType> rowTypeByName(const std::string& name) {
+  for (const auto& t : rowTypes())
+    if (name == t.name) return t.type;
+  return std::nullopt;
+}
+
+std::optional<RowType> rowTypeFromFileName(const std::string& path) {
+  const std::string name = baseName(path);
+  if (name == "Vorak.db") return RowType::Samples;
+  if (name == "Vorakaction.db") return RowType::Needs;
+  if (name == "VorakServiceIP.db" || name == "VorakServiceOP.db") return RowType::Services;
+  if (endsWith(name, "AppState.db")) return RowType::States;
+  return std::nullopt;
+}
+
+const char* stateName(int32_t state) {
+  switch (state) {
+    case 0: return "collecting";
+    case 1: return "learning due";
+    case 2: return "learnt";
+    case 3: return "relearn due";
+    case 99: return "learn failed";
+    default: return "";
+  }
+}
+
+nlohmann::json decodeBlob(RowType type, const std::string& blob) {
+  using nlohmann::json;
+  const RowTypeInfo& t = info(type);
+  if (blob.size() != t.blobSize) {
+    return json{{"error", "blob of " + std::to_string(blob.size()) + " bytes, a " + t.name + " row has " +
+                              std::to_string(t.blobSize)}};
+  }
+  switch (type) {
+    case RowType::Samples:
+    case RowType::Needs:
+      return json{{"ionKgsl", readNative<int64_t>(blob, 0)}, {"rssSwap", readNative<int64_t>(blob, 8)}};
+    case RowType::Services: {
+      json names = json::array();
+      for (size_t i = 0; i < kServiceSlots; ++i) {
+        std::string s = fixedString(blob.data() + i * kServiceSlotSize, kServiceSlotSize);
+        if (!s.empty()) names.push_back(std::move(s));
+      }
+      return json{{"services", names}};
+    }
+    case RowType::User:
+      return json{{"value", readNative<int32_t>(blob, 0)}};
+    case RowType::Favourites: {
+      // "/"-separated package names; an empty last token is allowed.
+      const std::string text = fixedString(blob.data(), blob.size());
+      json apps = json::array();
+      size_t start = 0;
+      while (start < text.size()) {
+        size_t end = text.find('/', start);
+        if (end == std::string::npos) end = text.size();
+        if (end > start) apps.push_back(text.substr(start, end - start));
+        start = end + 1;
+      }
+      return json{{"apps", apps}};
+    }
+    case RowType::States: {
+      const int32_t state = readNative<int32_t>(blob, 0);
+      return json{{"state", state}, {"stateName", stateName(state)}};
+    }
+  }
+  return json::object();
+}
+
+DbFile::DbFile(const std::string& path) : mPath(path) {
+  // SQLite opens a directory or a missing file lazily; say what is wrong up front.
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) throw DbError(path + ": " + std::strerror(errno));
+  if (!S_ISREG(st.st_mode)) throw DbError(path + ": not a regular file");
+  if (sqlite3_open_v2(path.c_str(), &mDb, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) fail("cannot open");
+  sqlite3_busy_timeout(mDb, 2000);
+}
+
+DbFile::~DbFile() { sqlite3_close(mDb); }
+
+void DbFile::fail(const std::string& what) {
+  std::string msg = mPath + ": " + what;
+  if (mDb != nullptr) msg += ": " + std::string(sqlite3_errmsg(mDb));
+  throw DbError(msg);
+}
+
+std::vector<std::string> DbFile::tables() {
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(mDb, "SELECT name FROM sqlite_master WHERE type='table' ORDER BY name", -1, &stmt,
+                         nullptr) != SQLITE_OK) {
+    fail("not a readable database");
+  }
+  std::vector<std::string> names;
+  int rc;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    const unsigned char* text = sqlite3_column_text(stmt, 0);
+    names.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
+  }
+  sqlite3_finalize(stmt);
+  if (rc != SQLITE_DONE) fail("reading the table list failed");
+  return names;
+}
+
+std::string DbFile::resolveTable(const std::string& table) {
+  const std::vector<std::string> names = tables();
+  auto has = [&](const std::string& n) {
+    for (const auto& t : names)
+      if (t == n) return true;
+    return false;
+  };
+  if (!table.empty()) {
+    if (!has(table)) throw DbError(mPath + ": no table '" + table + "'");
+    return table;
+  }
+  if (has("Vorak")) return "Vorak";
+  if (names.size() == 1) return names.front();
+  if (names.empty()) throw DbError(mPath + ": no tables (not a database of this system)");
+  throw DbError(mPath + ": no table 'Vorak' and several others (choose one with --table)");
+}
+
+std::vector<Row> DbFile::rows(const std::string& table) {
+  // The name is quoted for SQL; a table name cannot be bound as a parameter.
+  std::string quoted = "\"";
+  for (char c : table) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  quoted += "\"";
+
+  sqlite3_stmt* stmt = nullptr;
+  const std::string columns = "SELECT name FROM pragma_table_info(?)";
+  if (sqlite3_prepare_v2(mDb, columns.c_str(), -1, &stmt, nullptr) != SQLITE_OK) fail("not a readable database");
+  sqlite3_bind_text(stmt, 1, table.c_str(), -1, SQLITE_TRANSIENT);
+  std::vector<std::string> have;
+  int rc;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    const unsigned char* text = sqlite3_column_text(stmt, 0);
+    have.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
+  }
+  sqlite3_finalize(stmt);
+  if (rc != SQLITE_DONE) fail("reading table '" + table + "' failed");
+  for (const char* want : {"intcol1", "appName", "rsvdName", "blob"}) {
+    bool found = false;
+    for (const auto& c : have) found = found || c == want;
+    if (!found) throw DbError(mPath + ": table '" + table + "' has no column '" + want + "' (not a table of this system)");
+  }
+
+  const std::string sql = "SELECT rowid, intcol1, appName, rsvdName, blob FROM " + quoted + " ORDER BY rowid";
+  if (sqlite3_prepare_v2(mDb, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) fail("reading table '" + table + "' failed");
+  std::vector<Row> out;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    Row r;
+    r.rowid = sqlite3_column_int64(stmt, 0);
+    if (sqlite3_column_type(stmt, 1) != SQLITE_NULL) r.intcol1 = sqlite3_column_int(stmt, 1);
+    if (const unsigned char* t = sqlite3_column_text(stmt, 2)) r.appName = reinterpret_cast<const char*>(t);
+    if (sqlite3_column_type(stmt, 3) != SQLITE_NULL) {
+      const unsigned char* t = sqlite3_column_text(stmt, 3);
+      r.rsvdName = t != nullptr ? reinterpret_cast<const char*>(t) : "";
+    }
+    const void* b = sqlite3_column_blob(stmt, 4);
+    const int n = sqlite3_column_bytes(stmt, 4);
+    if (b != nullptr && n > 0) r.blob.assign(static_cast<const char*>(b), static_cast<size_t>(n));
+    out.push_back(std::move(r));
+  }
+  sqlite3_finalize(stmt);
+  if (rc != SQLITE_DONE) fail("reading table '" + table + "' failed");
+  return out;
+}
+
+}  // namespace vorakdb
