@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "Picture.h"
+#include "PluginLog.h"
 #include "Report.h"
 
 namespace {
@@ -112,6 +113,58 @@ TEST(ReportTest, SizesReadAsMegabytesOrGigabytes) {
   EXPECT_EQ(vsim::formatMB(0), "0 MB");
   EXPECT_EQ(vsim::formatMB(512 * 1024), "512 MB");
   EXPECT_EQ(vsim::formatMB(1536 * 1024), "1.50 GB");
+}
+
+}  // namespace
+
+namespace {
+
+using vsim::parsePluginLine;
+using vsim::PluginEvent;
+
+// The kill action's lines as its log shows them, prefix included.
+TEST(PluginLogTest, ReadsTheKillActionsDecisionsAndKills) {
+  auto e = parsePluginLine("VorakAction: vorak() 210: Killed PID = 4321, to Free Memory = 409600 KB");
+  ASSERT_TRUE(e.has_value());
+  EXPECT_EQ(e->kind, PluginEvent::Kind::Kill);
+  EXPECT_EQ(e->pid, 4321);
+  EXPECT_EQ(e->kb, 409600);
+  EXPECT_EQ(e->by, KillBy::Background);
+  EXPECT_EQ(parsePluginLine("VorakAction: vorak() 230: Killed Fav PID = 7, to Free Memory = 10 KB")->by,
+            KillBy::Favourite);
+  EXPECT_EQ(parsePluginLine("VorakAction: vorak() 250: Killed User PID = 8, to Free Memory = 10 KB")->by,
+            KillBy::User);
+
+  e = parsePluginLine(
+      "VorakAction: applyAction() 90: (appName,hintID,memoryToGenerate,memoryGenerated, surplusMemory) = "
+      "(com.example.maps ,4225, 86016.500000, 120000.000000, 33983.500000)");
+  ASSERT_TRUE(e.has_value());
+  EXPECT_EQ(e->kind, PluginEvent::Kind::AppPass);
+  EXPECT_EQ(e->app, "com.example.maps");
+  EXPECT_DOUBLE_EQ(e->amountKB, 86016.5);
+  EXPECT_DOUBLE_EQ(e->freedKB, 120000.0);
+
+  e = parsePluginLine(
+      "VorakAction: applyAction() 99: (Service - appName,hintID,memoryToGenerate,memoryGenerated, "
+      "surplusServiceMemory) = (com.a ,4225, 0.000000, 0.000000, -5.000000)");
+  ASSERT_TRUE(e.has_value());
+  EXPECT_EQ(e->kind, PluginEvent::Kind::ServicePass);
+  EXPECT_EQ(e->app, "com.a");
+
+  e = parsePluginLine("VorakAction: decideKill() 40: No entry in O/P DB for App = (com.new)");
+  ASSERT_TRUE(e.has_value());
+  EXPECT_EQ(e->kind, PluginEvent::Kind::NoLearntNeed);
+  EXPECT_EQ(e->app, "com.new");
+
+  e = parsePluginLine(
+      "VorakFeature: VorakFeature() 83: Fatal! : Failed to open file /vendor/etc/kx/vorak/vorak_4GB.data. "
+      "Disabling the Vorak Feature. Err = No such file or directory\n");
+  ASSERT_TRUE(e.has_value());
+  EXPECT_EQ(e->kind, PluginEvent::Kind::Disabled);
+  EXPECT_EQ(e->text.rfind("Fatal! : Failed to open file", 0), 0u);
+
+  EXPECT_FALSE(parsePluginLine("VorakAction: vorak() 210: Killed PID = x").has_value());
+  EXPECT_FALSE(parsePluginLine("VorakAlgo: runAlgo() 20: runAlgo called ").has_value());
 }
 
 }  // namespace

@@ -73,6 +73,17 @@ std::vector<Death> ProcessPool::collectDeaths() {
   return deaths;
 }
 
+std::optional<Death> ProcessPool::awaitDeath(pid_t pid) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  auto it = mChildren.find(pid);
+  if (pid <= 0 || it == mChildren.end() || it->second.state != State::Live) return std::nullopt;
+  siginfo_t info{};
+  while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+  }
+  it->second.state = State::Dead;
+  return Death{pid, it->second.name, info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED ? info.si_status : 0};
+}
+
 size_t ProcessPool::reap() {
   std::lock_guard<std::mutex> lock(mMutex);
   size_t n = 0;

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,9 @@ class ProcessPool {
   // pids cannot be reused by another process while the plug-in may still hold
   // them in a candidate list.
   std::vector<Death> collectDeaths();
+  // Blocks until `pid`, a child of this pool, has died (it is then collected
+  // like collectDeaths() would); nullopt for any other pid.
+  std::optional<Death> awaitDeath(pid_t pid);
   // Reaps the children collected dead; returns how many.
   size_t reap();
   // Kills and reaps every child.

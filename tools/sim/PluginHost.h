@@ -1,0 +1,62 @@
+// The framework's side of the plug-in, as the simulator plays it: the shared
+// library is loaded with dlopen, the feature is created through the class
+// registry under its name, and from then on it is driven only through the
+// framework's seams (runAsync, the hint hub, the metering thread, the idle
+// learning run, the per-name state).
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "AsyncTriggerPayload.h"
+#include "FeatureState.h"
+
+class Feature;
+
+namespace vsim {
+
+class HostError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class PluginHost {
+ public:
+  struct Options {
+    std::string pluginPath;  // the plug-in's shared library
+    std::string featureName = "Vorak";
+    uint32_t samplesThreshold = 3;
+  };
+
+  // Loads the library and creates the feature; throws HostError when the
+  // library cannot be loaded or registers no factory under the name. A
+  // feature that disables itself while starting is kept: see disabled().
+  explicit PluginHost(const Options& options);
+  // Destroys the feature (its threads stop, it leaves the hint hub). The
+  // library stays loaded: its static state may still be referenced at exit.
+  ~PluginHost();
+  PluginHost(const PluginHost&) = delete;
+  PluginHost& operator=(const PluginHost&) = delete;
+
+  bool disabled() const;
+  // A trigger, as the framework hands it to every feature.
+  void trigger(const AsyncTriggerPayload& payload);
+  // A perf hint through the hub; returns once the hub has delivered it.
+  void hint(const AsyncTriggerPayload& payload);
+  // Returns once the metering thread has recorded every sample asked for so far.
+  void waitForMetering();
+  // One learning run, as the framework runs it when the device is idle.
+  // `learnt(name)` tells whether a learnt row exists for the name.
+  void learn(const std::function<bool(const std::string&)>& learnt);
+  AppState state(const std::string& name);
+
+ private:
+  Options mOptions;
+  void* mLibrary = nullptr;
+  Feature* mFeature = nullptr;
+  FeatureState mState;
+};
+
+}  // namespace vsim
