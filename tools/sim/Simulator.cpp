@@ -4,12 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "DependentServices.h"
 #include "FsRoot.h"
@@ -182,9 +180,6 @@ void Simulator::onPrepare(const Event& e) {
   noteStrayDeaths();
   const auto p = payload(kHintPrepare, 0, app, pid);
   mHost->trigger(p);
-  // The feature records the user launch on its own worker; give it the moment
-  // a device has between the trigger and the hint before the lists are rebuilt.
-  std::this_thread::sleep_for(std::chrono::milliseconds(2));
   mHost->hint(p);
   // The candidate lists now hold only live children, so the pids of children
   // that died before can be given back to the system.

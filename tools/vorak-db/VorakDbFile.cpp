@@ -124,8 +124,30 @@ DbFile::DbFile(const std::string& path) : mPath(path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) throw DbError(path + ": " + std::strerror(errno));
   if (!S_ISREG(st.st_mode)) throw DbError(path + ": not a regular file");
+  try {
+    open();
+  } catch (...) {
+    // No destructor runs for a constructor that throws.
+    sqlite3_close(mDb);
+    throw;
+  }
+}
+
+void DbFile::open() {
+  const std::string& path = mPath;
   if (sqlite3_open_v2(path.c_str(), &mDb, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) fail("cannot open");
   sqlite3_busy_timeout(mDb, 2000);
+  // A cut file can read as rows of zeros without any error: check the
+  // structure first, so that damage is reported rather than dumped.
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(mDb, "PRAGMA quick_check(1)", -1, &stmt, nullptr) != SQLITE_OK) fail("not a readable database");
+  const int rc = sqlite3_step(stmt);
+  std::string verdict;
+  if (rc == SQLITE_ROW && sqlite3_column_text(stmt, 0) != nullptr)
+    verdict = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+  sqlite3_finalize(stmt);
+  if (rc != SQLITE_ROW) fail("not a readable database");
+  if (verdict != "ok") throw DbError(path + ": damaged database: " + verdict);
 }
 
 DbFile::~DbFile() { sqlite3_close(mDb); }

@@ -67,6 +67,7 @@ class DbFile {
   std::vector<Row> rows(const std::string& table);
 
  private:
+  void open();
   [[noreturn]] void fail(const std::string& what);
   std::string mPath;
   sqlite3* mDb = nullptr;
