@@ -233,7 +233,13 @@ void Simulator::onLaunch(const Event& e) {
       default: break;
     }
   }
-  for (auto v : settleDeaths()) {
+  // SIGKILL is delivered at once but the exit completes a moment later: wait
+  // for each child the plug-in reports killed, so that it counts for this launch.
+  std::vector<Victim> dead;
+  for (const auto& [pid, what] : said)
+    if (mPool.owns(pid) && mPool.awaitDeath(pid)) dead.push_back(takeDead(pid, ""));
+  for (auto& v : settleDeaths()) dead.push_back(v);
+  for (auto v : dead) {
     auto it = said.find(v.pid);
     if (it != said.end()) {
       v.by = it->second.by;
@@ -287,11 +293,9 @@ void Simulator::makeRoom(uint64_t needKB, LaunchRecord* rec) {
       continue;
     }
     mPool.awaitDeath(pid);
-    const auto mem = mDevice->process(pid);
-    mDevice->removeProcess(pid);
-    forget(pid);
+    Victim v = takeDead(pid, victim);
+    v.by = KillBy::Device;
     ++mApps[victim].killed;
-    Victim v{victim, pid, mem ? mem->totalKB() : 0, KillBy::Device, false};
     if (rec != nullptr) rec->victims.push_back(v);
     else mReport.addDeviceKill(mNow, v);
   }
@@ -323,9 +327,7 @@ void Simulator::onRemove(const Event& e) {
   const pid_t pid = it == mApps.end() ? 0 : it->second.pid;
   if (pid > 0 && mPool.kill(pid)) {
     mPool.awaitDeath(pid);
-    mDevice->removeProcess(pid);
-    forget(pid);
-    reassignOomAdj();
+    takeDead(pid, e.target);
   }
   mHost->trigger(payload(kHintRemoved, 0, e.target, pid));
 }
@@ -360,17 +362,19 @@ void Simulator::reassignOomAdj() {
   }
 }
 
+Victim Simulator::takeDead(pid_t pid, const std::string& poolName) {
+  const auto mem = mDevice->process(pid);
+  mDevice->removeProcess(pid);
+  auto owner = mOwners.find(pid);
+  const std::string name = owner == mOwners.end() ? poolName : owner->second;
+  forget(pid);
+  reassignOomAdj();
+  return Victim{name, pid, mem ? mem->totalKB() : 0, KillBy::Background, false};
+}
+
 std::vector<Victim> Simulator::settleDeaths() {
   std::vector<Victim> out;
-  for (const auto& d : mPool.collectDeaths()) {
-    const auto mem = mDevice->process(d.pid);
-    mDevice->removeProcess(d.pid);
-    auto owner = mOwners.find(d.pid);
-    const std::string name = owner == mOwners.end() ? d.name : owner->second;
-    out.push_back(Victim{name, d.pid, mem ? mem->totalKB() : 0, KillBy::Background, false});
-    forget(d.pid);
-  }
-  if (!out.empty()) reassignOomAdj();
+  for (const auto& d : mPool.collectDeaths()) out.push_back(takeDead(d.pid, d.name));
   return out;
 }
 

@@ -62,6 +62,8 @@ class Simulator {
   // Children that died (killed by the plug-in, or otherwise) are taken off
   // the device; returns them with the memory they held.
   std::vector<Victim> settleDeaths();
+  // Takes a child that died off the device and the simulator's books.
+  Victim takeDead(pid_t pid, const std::string& poolName);
   void noteStrayDeaths();
   void forget(pid_t pid);
   std::optional<uint64_t> learntNeed(const std::string& app) const;
