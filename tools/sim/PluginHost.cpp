@@ -6,6 +6,8 @@
 #include "FeatureInfo.h"
 #include "MemPerfd.h"
 #include "Registry.h"
+#include "kxhost/LearningScheduler.h"
+#include "kxhost/MeteringThread.h"
 
 namespace vsim {
 namespace {
@@ -39,9 +41,15 @@ PluginHost::PluginHost(const Options& options) : mOptions(options), mState(optio
     throw HostError(options.pluginPath + " registers no feature named '" + options.featureName + "'");
   mFeature = factory(featureInfo(options));
   if (mFeature == nullptr) throw HostError("the factory of '" + options.featureName + "' returned no feature");
+  // Run on the simulator's thread at the scenario's idle times, not on the
+  // scheduler's own timer: simulated time is not wall time.
+  mScheduler = std::make_unique<kxhost::LearningScheduler>(mFeature, options.learntRowExists);
 }
 
-PluginHost::~PluginHost() { delete mFeature; }
+PluginHost::~PluginHost() {
+  mScheduler.reset();
+  delete mFeature;
+}
 
 bool PluginHost::disabled() const { return mFeature->isDisabled(); }
 
@@ -55,6 +63,10 @@ void PluginHost::hint(const AsyncTriggerPayload& payload) {
   hub->sendHint(payload);
   hub->drain();
 }
+
+void PluginHost::waitForMetering() { kxhost::MeteringThread::instance().drain(); }
+
+void PluginHost::learn() { mScheduler->runOnce(); }
 
 AppState PluginHost::state(const std::string& name) { return mState.readState(name); }
 

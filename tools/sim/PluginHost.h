@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -14,6 +15,9 @@
 #include "FeatureState.h"
 
 class Feature;
+namespace kxhost {
+class LearningScheduler;
+}
 
 namespace vsim {
 
@@ -28,6 +32,9 @@ class PluginHost {
     std::string pluginPath;  // the plug-in's shared library
     std::string featureName = "Vorak";
     uint32_t samplesThreshold = 3;
+    // Whether the feature holds a learnt row for a name: the learning
+    // scheduler's proof that learning the name succeeded.
+    std::function<bool(const std::string&)> learntRowExists;
   };
 
   // Loads the library and creates the feature; throws HostError when the
@@ -47,15 +54,16 @@ class PluginHost {
   void hint(const AsyncTriggerPayload& payload);
   // Returns once the metering thread has recorded every sample asked for so far.
   void waitForMetering();
-  // One learning run, as the framework runs it when the device is idle.
-  // `learnt(name)` tells whether a learnt row exists for the name.
-  void learn(const std::function<bool(const std::string&)>& learnt);
+  // The device is idle: the learning scheduler's pass (a run when some name
+  // is due, then names with a learnt row move on to learnt).
+  void learn();
   AppState state(const std::string& name);
 
  private:
   Options mOptions;
   void* mLibrary = nullptr;
   Feature* mFeature = nullptr;
+  std::unique_ptr<kxhost::LearningScheduler> mScheduler;
   FeatureState mState;
 };
 

@@ -112,6 +112,7 @@ void Simulator::startHost() {
   PluginHost::Options o;
   o.pluginPath = mOptions.pluginPath;
   o.samplesThreshold = mScenario.samplesThreshold;
+  o.learntRowExists = [this](const std::string& name) { return learntRows().count(name) != 0; };
   mHost = std::make_unique<PluginHost>(o);
   if (mHost->disabled()) {
     std::string why;
@@ -332,14 +333,7 @@ void Simulator::onRemove(const Event& e) {
   mHost->trigger(payload(kHintRemoved, 0, e.target, pid));
 }
 
-void Simulator::onLearn() {
-  // Read once per run, after it: the host asks about each name it moves on.
-  std::optional<std::map<std::string, std::pair<int64_t, int64_t>>> rows;
-  mHost->learn([&](const std::string& name) {
-    if (!rows) rows = learntRows();
-    return rows->count(name) != 0;
-  });
-}
+void Simulator::onLearn() { mHost->learn(); }
 
 void Simulator::demote(const std::string& app) {
   auto it = mApps.find(app);
