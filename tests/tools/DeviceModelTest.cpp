@@ -91,6 +91,7 @@ TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   m.addProcess(2, 600000, 0, 0, 700);
   const uint64_t free = m.freeKB();
   // Slightly more than free memory: the cache alone covers it.
+  EXPECT_GT(m.cleanKB(), free + fourGB().lowWatermarkKB);
   auto r = m.addProcess(3, free, 0, 0, 0);
   EXPECT_GT(r.cacheDroppedKB, 0u);
   EXPECT_EQ(r.swappedKB, 0u);

@@ -100,6 +100,10 @@ uint64_t DeviceModel::headroomKB() const {
   return mFreeKB + droppable + static_cast<uint64_t>(static_cast<double>(swappableKB()) * gainPerKB);
 }
 
+uint64_t DeviceModel::cleanKB() const {
+  return mFreeKB + (mCacheKB > mProfile.minCacheKB ? mCacheKB - mProfile.minCacheKB : 0);
+}
+
 void DeviceModel::reclaimTo(uint64_t targetFreeKB, Reclaim& r) {
   if (mFreeKB >= targetFreeKB) return;
   // Clean cache first: dropping it costs nothing but a later re-read.

@@ -71,6 +71,9 @@ class DeviceModel {
   // How much a new allocation can get before the kernel runs out of cache to
   // drop and zram to swap into (free memory down to zero).
   uint64_t headroomKB() const;
+  // Free memory plus the cache that can be dropped: what a new allocation
+  // gets without swapping anything out.
+  uint64_t cleanKB() const;
 
   SysStats sysStats() const;
   uint64_t freeKB() const { return mFreeKB; }

@@ -38,7 +38,7 @@ struct LaunchRecord {
   std::vector<Victim> victims;       // by the plug-in, then by the device's low-memory killer
   uint64_t freeBeforeKB = 0;         // free memory when the hint came
   uint64_t freeAfterKB = 0;          // free memory once the app was running
-  uint64_t lackedKB = 0;             // memory the launch had to reclaim or could not get
+  uint64_t lackedKB = 0;             // memory the launch could not get without swapping or killing
   bool answered = false;             // the plug-in logged its decision for this launch
 };
 

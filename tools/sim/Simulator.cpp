@@ -270,12 +270,13 @@ void Simulator::startApp(const AppSpec& spec, LaunchRecord& rec) {
   const uint64_t anon = scaled(spec.rssSwapKB, f), gpu = scaled(spec.ionKgslKB, f), file = spec.fileKB;
   const uint64_t need = anon + gpu + file;
 
-  makeRoom(need, &rec);
-  const uint64_t free = mDevice->snapshot().freeKB();
+  // What the plug-in left: memory the launch cannot get from free memory and
+  // clean cache has to come from swapping out other apps, or from the
+  // device's low-memory killer, while the user waits.
+  const uint64_t clean = mDevice->snapshot().cleanKB();
   const uint64_t low = mScenario.device.lowWatermarkKB;
-  // Whatever the launch has to take from below the low watermark is found by
-  // the kernel's direct reclaim while the user waits.
-  rec.lackedKB = need + low > free ? need + low - free : 0;
+  rec.lackedKB = need + low > clean ? need + low - clean : 0;
+  makeRoom(need, &rec);
 
   const pid_t pid = mPool.spawn(spec.name);
   run.pid = pid;
