@@ -165,8 +165,9 @@ std::string Report::toText(const std::vector<Expectation>& expectations) const {
     << " of freed)\n";
   o << "  amounts covered by kills    " << s.coveredLaunches << " of " << s.askingLaunches
     << " launches that asked to free memory\n";
-  o << "  launches lacking memory     " << s.lackingLaunches << " (" << s.lackingUnlearnt
-    << " before the app's need was learnt), " << formatMB(static_cast<double>(s.lackedKB)) << " short in all\n";
+  o << "  launches short of memory    " << s.lackingLaunches << " (" << s.lackingUnlearnt
+    << " before the app's need was learnt), " << formatMB(static_cast<double>(s.lackedKB))
+    << " to swap out or kill for in all\n";
   o << "  learnt needs                " << s.appsLearnt << " of " << mApps.size() << " apps, mean error ";
   char err[16];
   std::snprintf(err, sizeof err, "%.1f %%", s.meanLearntErrorPct);
