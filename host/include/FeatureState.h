@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 // The framework's learning state of one application or service name.
 enum AppState : int32_t {
@@ -16,7 +17,11 @@ enum AppState : int32_t {
 
 namespace kxhost {
 class FeatureStateStore;
-}
+
+// Forgets every state of every feature (test fixtures, simulator runs).
+// Existing handles stay valid and see the emptied states.
+void clearFeatureStates();
+}  // namespace kxhost
 
 // A handle on the states of one feature. Every handle constructed with the
 // same feature name sees the same states; handles are cheap and thread-safe.
@@ -30,6 +35,8 @@ class FeatureState {
   // State of `appName`; APP_STATE_COLLECTING for a name never written.
   AppState readState(const std::string& appName);
   void writeState(const std::string& appName, AppState state);
+  // Every name with a written state, sorted.
+  std::vector<std::string> names() const;
 
   const std::string& featureName() const { return mFeatureName; }
 

@@ -20,8 +20,9 @@ class MetaMeter {
   // Reads recorded data back; the base records nothing and returns 0.
   virtual int readFromDataBase(std::string& key);
 
-  // Samples this aggregator's meters for `payload` and hands them to
-  // writeToDataBase on the framework's metering thread.
+  // Samples this aggregator's "Memory" meters for `payload` (the trigger's
+  // pid, see Meter.h) and hands each, with the trigger record, to
+  // writeToDataBase on the host's metering thread (kxhost::MeteringThread).
   void handleAsync(const AsyncTriggerPayload& payload);
 
  protected:
@@ -29,6 +30,10 @@ class MetaMeter {
   // dropped and a writeToDataBase in progress is waited for, so the metering
   // thread never calls into a partly destroyed object.
   void stopMetering();
+
+ private:
+  // Runs on the metering thread.
+  void record(Meter* meter);
 
   const FeatureInfo* mFeatureInfo;
   FeatureState* mFeatureState;

@@ -24,12 +24,19 @@ class Field {
   int32_t mValueCount = 0;  // kept beside the values, as the framework does
 };
 
+// A sampled meter. The host's "Memory" meter holds two fields with one value
+// each, read from the per-process record (PIDStats) of the trigger's pid:
+//   "ion_kgsl" = PIDStats::gpuKB          (graphics memory, KB)
+//   "rss_swap" = PIDStats::rssAnonSwapKB  (anonymous resident + swapped, KB)
+// Neither field has a value when the process is unknown.
 class Meter {
  public:
   explicit Meter(std::string name) : mName(std::move(name)) {}
   virtual ~Meter();
-  // Takes one sample of the meter's fields for the trigger (the framework's
-  // own meters read the trigger's process statistics).
+  Meter(const Meter&) = delete;
+  Meter& operator=(const Meter&) = delete;
+  // Takes one sample for the trigger. The base records the trigger only; the
+  // host's own meters also read the trigger's process statistics.
   virtual void sample(const AsyncTriggerPayload& trigger);
   // Fills `out` with the trigger records that the last sample belongs to.
   virtual void getTriggerPayloads(std::vector<AsyncTriggerPayload>& out) const;

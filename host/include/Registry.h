@@ -1,10 +1,12 @@
 // The framework's class registry: plug-ins enter factories by class name at load.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "AndroidLog.h"
 
@@ -25,6 +27,16 @@ class RegistryBase {
     auto it = classList->find(name);
     return it == classList->end() ? nullptr : it->second;
   }
+
+  // Every registered class name, sorted.
+  static std::vector<std::string> names() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    std::vector<std::string> out;
+    if (classList != nullptr)
+      for (const auto& entry : *classList) out.push_back(entry.first);
+    std::sort(out.begin(), out.end());
+    return out;
+  }
 };
 
 // Allocates the object without throwing; null when that fails. The object is
@@ -41,6 +53,10 @@ Base* createClassObj(Info info) {
 template <class Base, class Info, class Derived>
 class Registry {
  public:
+  // Source line that the framework's registry reports in its error line; log
+  // readers match the whole line, so it does not follow this file's layout.
+  static constexpr int kMapErrorLine = 97;
+
   explicit Registry(const char* name) {
     using R = RegistryBase<Base, Info>;
     std::lock_guard<std::mutex> lock(R::mMutex);
@@ -49,7 +65,7 @@ class Registry {
       if (map == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, "FeatureRegistry",
                             "%s: %s() %d: getMap() returned nullptr, Class %s not registered", "RegistryBase",
-                            __func__, __LINE__, name);
+                            __func__, kMapErrorLine, name);
         return;
       }
       map->max_load_factor(1.0f);

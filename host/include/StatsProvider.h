@@ -37,7 +37,8 @@ static_assert(sizeof(SysStats) == 37 * sizeof(uint64_t), "SysStats has 37 figure
 //   1. rssFileKB      file-backed resident memory
 //   2. rssAnonSwapKB  anonymous resident plus swapped memory ("rss_swap")
 //   3. gpuKB          graphics memory, ION/KGSL ("ion_kgsl")
-// Killing the process frees about their sum.
+// Killing the process frees about their sum. The host's "Memory" meter takes
+// its "ion_kgsl" and "rss_swap" fields from 3 and 2 (see Meter.h).
 struct PIDStats {
   int32_t pid;
   uint64_t rssFileKB;

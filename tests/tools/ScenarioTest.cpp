@@ -136,8 +136,11 @@ TEST(ScenarioTest, TheBuiltInDayIsAFourGigabyteDayOfTwentyApps) {
     last = e.at;
     if (e.type == EventType::Launch) launched.insert(e.target);
     if (e.type == EventType::Learn) ++learns;
-    if (e.type == EventType::Service) EXPECT_NE(sc.service(e.target), nullptr);
-    else if (!e.target.empty()) EXPECT_NE(sc.app(e.target), nullptr);
+    if (e.type == EventType::Service) {
+      EXPECT_NE(sc.service(e.target), nullptr);
+    } else if (!e.target.empty()) {
+      EXPECT_NE(sc.app(e.target), nullptr);
+    }
   }
   EXPECT_GE(launched.size(), 15u);  // most apps get used
   EXPECT_GE(learns, 5u);

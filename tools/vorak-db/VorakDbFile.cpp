@@ -4,18 +4,21 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+
+#include "FeatureState.h"
+#include "kxdb/VorakRecords.h"
 
 namespace vorakdb {
 namespace {
 
-constexpr size_t kServiceSlots = 12;
-constexpr size_t kServiceSlotSize = 256;
-
+// The blobs are the plug-in's records stored byte for byte: decode them by
+// copying into the same records.
 template <typename T>
-T readNative(const std::string& blob, size_t offset) {
+T record(const std::string& blob) {
   T v;
-  std::memcpy(&v, blob.data() + offset, sizeof v);
+  std::memcpy(&v, blob.data(), sizeof v);
   return v;
 }
 
@@ -35,12 +38,14 @@ std::string fixedString(const char* p, size_t size) { return std::string(p, strn
 
 const std::vector<RowTypeInfo>& rowTypes() {
   static const std::vector<RowTypeInfo> kTypes = {
-      {RowType::Samples, "samples", "meter samples (ion_kgsl, rss_swap KB)", 16},
-      {RowType::Needs, "needs", "learnt launch needs (mean ion_kgsl, rss_swap KB)", 16},
-      {RowType::Services, "services", "dependent service lists", kServiceSlots * kServiceSlotSize},
-      {RowType::User, "user", "user-launched values (process ids)", 4},
-      {RowType::Favourites, "favourites", "favourite applications per time slot", 4096},
-      {RowType::States, "states", "learning states", 4},
+      {RowType::Samples, "samples", "meter samples (ion_kgsl, rss_swap KB)", sizeof(_vorak_Meter_Data)},
+      {RowType::Needs, "needs", "learnt launch needs (mean ion_kgsl, rss_swap KB)",
+       sizeof(_vorak_Feature_Action_Data)},
+      {RowType::Services, "services", "dependent service lists", sizeof(_vorak_App_Service_In)},
+      {RowType::User, "user", "user-launched values (process ids)", sizeof(_vorak_User_Launched_Data)},
+      {RowType::Favourites, "favourites", "favourite applications per time slot",
+       sizeof(_vorak_Favorite_Time_Slot_Data)},
+      {RowType::States, "states", "learning states", sizeof(AppState)},
   };
   return kTypes;
 }
@@ -85,22 +90,29 @@ nlohmann::json decodeBlob(RowType type, const std::string& blob) {
                               std::to_string(t.blobSize)}};
   }
   switch (type) {
-    case RowType::Samples:
-    case RowType::Needs:
-      return json{{"ionKgsl", readNative<int64_t>(blob, 0)}, {"rssSwap", readNative<int64_t>(blob, 8)}};
+    case RowType::Samples: {
+      const auto r = record<_vorak_Meter_Data>(blob);
+      return json{{"ionKgsl", r.ionKgsl}, {"rssSwap", r.rssSwap}};
+    }
+    case RowType::Needs: {
+      const auto r = record<_vorak_Feature_Action_Data>(blob);
+      return json{{"ionKgsl", r.ionKgsl}, {"rssSwap", r.rssSwap}};
+    }
     case RowType::Services: {
+      const auto r = record<_vorak_App_Service_In>(blob);
       json names = json::array();
-      for (size_t i = 0; i < kServiceSlots; ++i) {
-        std::string s = fixedString(blob.data() + i * kServiceSlotSize, kServiceSlotSize);
+      for (const auto& slot : r.serviceNames) {
+        std::string s = fixedString(slot, sizeof slot);
         if (!s.empty()) names.push_back(std::move(s));
       }
       return json{{"services", names}};
     }
     case RowType::User:
-      return json{{"value", readNative<int32_t>(blob, 0)}};
+      return json{{"value", record<_vorak_User_Launched_Data>(blob).value}};
     case RowType::Favourites: {
       // "/"-separated package names; an empty last token is allowed.
-      const std::string text = fixedString(blob.data(), blob.size());
+      const auto r = record<_vorak_Favorite_Time_Slot_Data>(blob);
+      const std::string text = fixedString(r.favoriteApps, sizeof r.favoriteApps);
       json apps = json::array();
       size_t start = 0;
       while (start < text.size()) {
@@ -112,7 +124,7 @@ nlohmann::json decodeBlob(RowType type, const std::string& blob) {
       return json{{"apps", apps}};
     }
     case RowType::States: {
-      const int32_t state = readNative<int32_t>(blob, 0);
+      const int32_t state = record<int32_t>(blob);
       return json{{"state", state}, {"stateName", stateName(state)}};
     }
   }

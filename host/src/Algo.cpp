@@ -1,0 +1,3 @@
+#include "Algo.h"
+
+Algo::~Algo() = default;

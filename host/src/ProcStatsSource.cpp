@@ -1,0 +1,192 @@
+#include "ProcStatsSource.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "AndroidLog.h"
+
+namespace kxhost {
+namespace {
+
+constexpr const char* kTag = "kxhost";
+
+// Kernel files report a size of 0, so they are read to the end rather than
+// by size. Null when the file cannot be opened (absent, or process gone).
+std::optional<std::string> readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void logError(const std::string& path, const std::string& what) {
+  __android_log_print(ANDROID_LOG_ERROR, kTag, "StatsProvider: %s: %s", path.c_str(), what.c_str());
+}
+
+// Reads and parses one file. An absent file gives `T{}`, logged only when
+// the file is `required`; a malformed line is logged and the rest still used.
+template <typename T>
+T load(const std::string& path, bool (*parse)(const std::string&, T*, std::string*), bool required) {
+  T value{};
+  std::optional<std::string> text = readFile(path);
+  if (!text) {
+    if (required) logError(path, "cannot be read");
+    return value;
+  }
+  std::string error;
+  if (!parse(*text, &value, &error)) logError(path, error);
+  return value;
+}
+
+bool pidFromName(const std::string& name, int* pid) {
+  auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), *pid);
+  return ec == std::errc() && end == name.data() + name.size() && *pid > 0;
+}
+
+uint64_t kernelPageKB() {
+  long bytes = sysconf(_SC_PAGESIZE);
+  return bytes > 0 ? static_cast<uint64_t>(bytes) / 1024 : 4;
+}
+
+// Zone counters are pages; the record wants KB.
+void setZone(const ZonePages& zone, uint64_t pageKB, uint64_t& freeKB, uint64_t& activeAnonKB,
+             uint64_t& inactiveAnonKB, uint64_t& activeFileKB, uint64_t& inactiveFileKB) {
+  freeKB = zone.freePages * pageKB;
+  activeAnonKB = zone.activeAnon * pageKB;
+  inactiveAnonKB = zone.inactiveAnon * pageKB;
+  activeFileKB = zone.activeFile * pageKB;
+  inactiveFileKB = zone.inactiveFile * pageKB;
+}
+
+}  // namespace
+
+ProcStatsSource::ProcStatsSource(Options options) : mOptions(std::move(options)) {
+  if (mOptions.pageKB == 0) mOptions.pageKB = kernelPageKB();
+}
+
+SysStats ProcStatsSource::sysStats() {
+  SysStats s{};
+  MemInfo mem = readMeminfo();
+  s.freeKB = mem.get("MemFree");
+  s.totalKB = mem.get("MemTotal");
+  s.kernelStackKB = mem.get("KernelStack");
+  // KReclaimable is the slab's reclaimable part plus other kernel caches
+  // that give memory back under pressure (ION pools on a device); only the
+  // latter is wanted here, the slab part has its own field.
+  uint64_t kReclaimable = mem.get("KReclaimable");
+  uint64_t sReclaimable = mem.get("SReclaimable");
+  s.reclaimableKB = kReclaimable > sReclaimable ? kReclaimable - sReclaimable : 0;
+  readZram(&s);
+  s.unreclaimableKB = mem.get("Unevictable");
+  s.buffersKB = mem.get("Buffers");
+  s.sReclaimableKB = sReclaimable;
+  s.sUnreclaimKB = mem.get("SUnreclaim");
+  s.freeCmaKB = mem.get("CmaFree");
+  s.mappedKB = mem.get("Mapped");
+  s.swapCachedKB = mem.get("SwapCached");
+  s.pageTablesKB = mem.get("PageTables");
+  s.vmallocUsedKB = mem.get("VmallocUsed");
+  s.shmemKB = mem.get("Shmem");
+  fillZones(&s);
+  return s;
+}
+
+PIDStats ProcStatsSource::pidStats(int pid) {
+  PIDStats stats{};
+  std::optional<int> adj = readOomScoreAdj(pid);
+  if (!adj || !readStatus(pid, &stats)) {
+    stats.pid = -1;
+    return stats;
+  }
+  stats.pid = pid;
+  stats.oomScoreAdj = *adj;
+  return stats;
+}
+
+// Processes come and go while the directory is walked; one that has gone
+// between listing and reading is simply not reported.
+std::vector<PIDStats> ProcStatsSource::pidStatsRange(int minAdj, int maxAdj) {
+  std::vector<PIDStats> result;
+  std::error_code ec;
+  std::filesystem::directory_iterator it(mOptions.procRoot, ec);
+  if (ec) logError(mOptions.procRoot, ec.message());
+  for (; !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    int pid = 0;
+    if (!pidFromName(it->path().filename().string(), &pid)) continue;
+    std::optional<int> adj = readOomScoreAdj(pid);
+    if (!adj || *adj < minAdj || *adj > maxAdj) continue;
+    PIDStats stats{};
+    if (!readStatus(pid, &stats)) continue;
+    stats.pid = pid;
+    stats.oomScoreAdj = *adj;
+    result.push_back(stats);
+  }
+  std::sort(result.begin(), result.end(), [](const PIDStats& a, const PIDStats& b) { return a.pid < b.pid; });
+  return result;
+}
+
+MemInfo ProcStatsSource::readMeminfo() const { return load<MemInfo>(procPath("meminfo"), parseMeminfo, true); }
+
+// Optional: containers and some kernels do not expose zoneinfo.
+ZoneInfo ProcStatsSource::readZoneinfo() const { return load<ZoneInfo>(procPath("zoneinfo"), parseZoneinfo, false); }
+
+// Optional: a device without zram reports 0 for all three figures.
+void ProcStatsSource::readZram(SysStats* stats) const {
+  ZramStat zram = load<ZramStat>(zramPath("mm_stat"), parseZramMmStat, false);
+  stats->zramUsedKB = zram.memUsedTotalKB;
+  stats->zramOrigKB = zram.origDataKB;
+  int64_t diskBytes = load<int64_t>(zramPath("disksize"), parseSingleInt, false);
+  stats->zramSizeKB = diskBytes > 0 ? static_cast<uint64_t>(diskBytes) / 1024 : 0;
+}
+
+void ProcStatsSource::fillZones(SysStats* s) const {
+  ZoneInfo zones = readZoneinfo();
+  uint64_t kb = mOptions.pageKB;
+  setZone(zones.dma, kb, s->dmaFreeKB, s->dmaActiveAnonKB, s->dmaInactiveAnonKB, s->dmaActiveFileKB,
+          s->dmaInactiveFileKB);
+  setZone(zones.normal, kb, s->normalFreeKB, s->normalActiveAnonKB, s->normalInactiveAnonKB,
+          s->normalActiveFileKB, s->normalInactiveFileKB);
+  setZone(zones.movable, kb, s->movableFreeKB, s->movableActiveAnonKB, s->movableInactiveAnonKB,
+          s->movableActiveFileKB, s->movableInactiveFileKB);
+  setZone(zones.highMem, kb, s->highMemFreeKB, s->highMemActiveAnonKB, s->highMemInactiveAnonKB,
+          s->highMemActiveFileKB, s->highMemInactiveFileKB);
+}
+
+std::optional<int> ProcStatsSource::readOomScoreAdj(int pid) const {
+  std::string path = procPath(std::to_string(pid) + "/oom_score_adj");
+  std::optional<std::string> text = readFile(path);
+  if (!text) return std::nullopt;
+  int64_t adj = 0;
+  std::string error;
+  if (!parseSingleInt(*text, &adj, &error)) {
+    logError(path, error);
+    return std::nullopt;
+  }
+  // The kernel keeps it within [-1000, 1000]; clamping keeps a corrupt file
+  // from wrapping around in the narrowing to int.
+  return static_cast<int>(std::clamp<int64_t>(adj, -1000, 1000));
+}
+
+// gpuKB stays 0: a Linux host has no ION or KGSL accounting to read it from.
+bool ProcStatsSource::readStatus(int pid, PIDStats* out) const {
+  std::string path = procPath(std::to_string(pid) + "/status");
+  std::optional<std::string> text = readFile(path);
+  if (!text) return false;
+  ProcStatus status;
+  std::string error;
+  if (!parseProcStatus(*text, &status, &error)) logError(path, error);
+  out->rssFileKB = status.rssFileKB;
+  out->rssAnonSwapKB = status.rssAnonKB + status.swapKB;
+  // The kernel keeps at most 15 characters; longer names (kworker/u8:2-...)
+  // are display forms and are cut like the kernel's own comm.
+  std::fill(std::begin(out->comm), std::end(out->comm), '\0');
+  status.name.copy(out->comm, sizeof(out->comm) - 1);
+  out->gpuKB = 0;
+  return true;
+}
+
+}  // namespace kxhost

@@ -1,0 +1,81 @@
+#include "DependentServices.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// A pid that surely names no process: a child of ours, already reaped.
+int reapedChildPid() {
+  pid_t pid = fork();
+  if (pid == 0) _exit(0);
+  waitpid(pid, nullptr, 0);
+  return pid;
+}
+
+class DependentServicesTest : public ::testing::Test {
+ protected:
+  void SetUp() override { registry().clear(); }
+  void TearDown() override { registry().clear(); }
+  static kxhost::ServiceRegistry& registry() { return kxhost::ServiceRegistry::instance(); }
+};
+
+TEST_F(DependentServicesTest, ServicesOfAnAppAreAppendedInOrder) {
+  registry().setAppServices("com.app", {"vendor.cam", "vendor.media"});
+  std::vector<std::string> out{"kept"};
+  std::string app = "com.app";
+  DependentServices().getServices(app, out);
+  EXPECT_EQ(out, (std::vector<std::string>{"kept", "vendor.cam", "vendor.media"}));
+
+  std::string unknown = "com.unknown";
+  DependentServices().getServices(unknown, out);
+  EXPECT_EQ(out.size(), 3u);
+}
+
+TEST_F(DependentServicesTest, OnePidPerNameAndMinusOneForEmptyUnknownOrDead) {
+  const int self = getpid(), dead = reapedChildPid();
+  registry().setServicePid("alive", self);
+  registry().setServicePid("dead", dead);
+  registry().setServicePid("gone", self);
+  registry().removeService("gone");
+
+  hidl_vec<int> pids;
+  DependentServices().getServicePIDs({"alive", "", "unknown", "dead", "gone", "alive"}, pids);
+  ASSERT_EQ(pids.size(), 6u);
+  EXPECT_EQ(std::vector<int>(pids), (std::vector<int>{self, -1, -1, -1, -1, self}));
+  EXPECT_EQ(registry().pidOf("dead"), dead);
+  EXPECT_EQ(registry().pidOf("gone"), -1);
+}
+
+TEST_F(DependentServicesTest, ActiveServicePidsAreTheLiveRegisteredOnes) {
+  const int self = getpid(), dead = reapedChildPid();
+  registry().setServicePid("b.alive", self);
+  registry().setServicePid("a.dead", dead);
+  registry().setServicePid("c.none", -1);
+  std::vector<int> pids{12345};
+  DependentServices().getAllActiveServicePIDs(pids);
+  EXPECT_EQ(pids, std::vector<int>{self});
+  EXPECT_EQ(registry().allPids(), (std::vector<int>{dead, self, -1}));
+}
+
+// A process we may not signal is still alive. Checked from a child that runs
+// as another user (when we are root) against this process.
+TEST_F(DependentServicesTest, AProcessWeMayNotSignalCountsAsAlive) {
+  const int parent = getpid();
+  registry().setServicePid("privileged", parent);
+  pid_t child = fork();
+  if (child == 0) {
+    if (geteuid() == 0 && setuid(65534) != 0) _exit(3);
+    if (geteuid() == 0) _exit(4);
+    std::vector<int> pids;
+    DependentServices().getAllActiveServicePIDs(pids);
+    _exit(pids == std::vector<int>{parent} ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace

@@ -1,0 +1,59 @@
+#include "host/src/ProcParsers.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Kernels before 4.8: LRU counters per zone without the nr_zone_ prefix,
+// two nodes, and a DMA32 zone that shares the DMA slot.
+TEST(ProcParsers, ZoneinfoSumsNodesAndFoldsDma32IntoDma) {
+  const char* text =
+      "Node 0, zone      DMA\n"
+      "  pages free     100\n"
+      "      nr_free_pages 100\n"
+      "      nr_inactive_anon 1\n"
+      "      nr_active_anon 2\n"
+      "      nr_inactive_file 3\n"
+      "      nr_active_file 4\n"
+      "Node 0, zone    DMA32\n"
+      "  pages free     1000\n"
+      "      nr_active_anon 20\n"
+      "Node 1, zone   Normal\n"
+      "  pages free     7\n"
+      "      nr_active_file 5\n"
+      "Node 2, zone   Normal\n"
+      "  pages free     8\n"
+      "      nr_active_file 6\n";
+  kxhost::ZoneInfo zones;
+  std::string error;
+  ASSERT_TRUE(kxhost::parseZoneinfo(text, &zones, &error)) << error;
+  EXPECT_EQ(zones.dma.freePages, 1100u);
+  EXPECT_EQ(zones.dma.activeAnon, 22u);
+  EXPECT_EQ(zones.dma.inactiveAnon, 1u);
+  EXPECT_EQ(zones.dma.inactiveFile, 3u);
+  EXPECT_EQ(zones.dma.activeFile, 4u);
+  EXPECT_EQ(zones.normal.freePages, 15u);
+  EXPECT_EQ(zones.normal.activeFile, 11u);
+  EXPECT_EQ(zones.highMem.freePages + zones.movable.freePages, 0u);
+}
+
+TEST(ProcParsers, MmStatOfOlderKernelsHasSevenColumns) {
+  kxhost::ZramStat zram;
+  std::string error;
+  ASSERT_TRUE(kxhost::parseZramMmStat("4096000 1024000 2048000 0 2048000 10 3\n", &zram, &error)) << error;
+  EXPECT_EQ(zram.origDataKB, 4000u);
+  EXPECT_EQ(zram.memUsedTotalKB, 2000u);
+}
+
+TEST(ProcParsers, StatusKeepsBlanksInTheNameAndNeedsOne) {
+  kxhost::ProcStatus status;
+  std::string error;
+  ASSERT_TRUE(kxhost::parseProcStatus("Name:\tWeb Content\nRssFile:\t  12 kB\n", &status, &error)) << error;
+  EXPECT_EQ(status.name, "Web Content");
+  EXPECT_EQ(status.rssFileKB, 12u);
+
+  EXPECT_FALSE(kxhost::parseProcStatus("Name\nRssFile:\t  12 kB\n", &status, &error));
+  EXPECT_EQ(error, "no Name line");
+}
+
+}  // namespace

@@ -1,0 +1,57 @@
+#include "StatsProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+// MemTotal as this machine's /proc/meminfo states it, read independently.
+uint64_t realMemTotalKB() {
+  std::ifstream in("/proc/meminfo");
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string key;
+    uint64_t value = 0;
+    if (words >> key >> value && key == "MemTotal:") return value;
+  }
+  ADD_FAILURE() << "no MemTotal line in /proc/meminfo";
+  return 0;
+}
+
+class FixedSource : public kxhost::StatsSource {
+ public:
+  SysStats sysStats() override {
+    SysStats s{};
+    s.totalKB = 22;
+    return s;
+  }
+  PIDStats pidStats(int pid) override { return PIDStats{pid, 5, 700, 6, "fixed", 7}; }
+  std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
+    return {PIDStats{minAdj, 0, maxAdj, 0, "", 0}};
+  }
+};
+
+TEST(StatsProvider, ReadsThisMachinesProcByDefault) {
+  kxhost::setStatsSource(nullptr);
+  EXPECT_EQ(StatsProvider::getSysStats().totalKB, realMemTotalKB());
+}
+
+TEST(StatsProvider, DelegatesToTheInstalledSourceUntilReset) {
+  kxhost::setStatsSource(std::make_shared<FixedSource>());
+  EXPECT_EQ(StatsProvider::getSysStats().totalKB, 22u);
+  PIDStats one = StatsProvider::getPIDStats(42);
+  EXPECT_EQ(one.pid, 42);
+  EXPECT_STREQ(one.comm, "fixed");
+  std::vector<PIDStats> range = StatsProvider::getPIDStatsRange(700, 1000);
+  ASSERT_EQ(range.size(), 1u);
+  EXPECT_EQ(range[0].pid, 700);
+  EXPECT_EQ(range[0].oomScoreAdj, 1000);
+
+  kxhost::setStatsSource(nullptr);
+  EXPECT_EQ(StatsProvider::getSysStats().totalKB, realMemTotalKB());
+}
+
+}  // namespace

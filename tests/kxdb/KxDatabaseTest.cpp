@@ -1,0 +1,229 @@
+// Opening, the write-back cache, deletion and the on-disk format.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "FeatureState.h"
+#include "KxdbTestSupport.h"
+#include "kxhost/LogCapture.h"
+
+using namespace kxtest;
+
+static_assert(sizeof(AppState) == 4, "the learning state is a 4-byte blob");
+
+namespace {
+
+class KxDatabaseTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(mDb.KxDatabaseInit(), KXDB_SUCCESS); }
+
+  std::vector<std::pair<std::string, _vorak_Meter_Data>> all() {
+    KxDBDataRowKey any;
+    auto rows = mDb.readAllocateDR(any, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+    std::vector<std::pair<std::string, _vorak_Meter_Data>> out;
+    for (auto* r : rows) out.emplace_back(r->appName, r->blob);
+    mDb.deallocateDR(rows);
+    return out;
+  }
+
+  MeterDb mDb{1000, "", "Vorak"};
+};
+
+TEST_F(KxDatabaseTest, ReadChangeAndWriteBackUpdatesInPlace) {
+  putSample(mDb, "com.a", 1, 2);
+  KxDBDataRowKey key("com.a", 0);
+  auto rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  ASSERT_EQ(rows.size(), 1u);
+  const int64_t rowid = rows[0]->rowid;
+  EXPECT_NE(rowid, 0);
+  rows[0]->blob.rssSwap = 99;
+  EXPECT_EQ(mDb.writeDeallocateDR(rows), 1);
+  EXPECT_TRUE(rows.empty());
+
+  rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0]->rowid, rowid);
+  EXPECT_EQ(rows[0]->blob.rssSwap, 99);
+  mDb.deallocateDR(rows);
+}
+
+TEST_F(KxDatabaseTest, SkippedParametersKeepThePreviousRowsBinding) {
+  auto rows = mDb.allocateDR(2);
+  rows[0]->appName = "first";
+  rows[0]->intcol1 = 7;
+  rows[0]->rsvdName = "r";
+  rows[0]->blob = {1, 1};
+  rows[1]->appName = "second";
+  rows[1]->blob = {2, 2};
+  EXPECT_EQ(mDb.writeDeallocateDR(rows), 2);
+
+  KxDBDataRowKey key("second", 0);
+  auto back = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  ASSERT_EQ(back.size(), 1u);
+  EXPECT_EQ(back[0]->intcol1, 7);
+  EXPECT_EQ(back[0]->rsvdName, "r");
+  mDb.deallocateDR(back);
+}
+
+TEST_F(KxDatabaseTest, FirstFreshRowWithoutNameIsLostWithAStepError) {
+  kxhost::LogCapture log;
+  auto rows = mDb.allocateDR(2);
+  rows[0]->blob = {1, 1};  // appName left empty: NULL violates NOT NULL
+  rows[1]->appName = "named";
+  rows[1]->blob = {2, 2};
+  mDb.writeDeallocateDR(rows);
+  auto stored = all();
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored[0].first, "named");
+  EXPECT_TRUE(log.contains("sql:ERROR:Dbt=Vorak info=19\n", ANDROID_LOG_ERROR));  // SQLITE_CONSTRAINT
+}
+
+TEST_F(KxDatabaseTest, AllocationIsCappedAtOneHundredRowsWithAWarning) {
+  kxhost::LogCapture log;
+  auto rows = mDb.allocateDR(150);
+  EXPECT_EQ(rows.size(), 100u);
+  EXPECT_EQ(log.count("Dbt=Vorak Restrict reqCnt to 100\n", ANDROID_LOG_WARN), 1u);
+  EXPECT_EQ(mDb.deallocateDR(rows), 100);
+  EXPECT_TRUE(mDb.allocateDR(0).empty());
+}
+
+TEST_F(KxDatabaseTest, EmptyHandOverTouchesNothing) {
+  KxDatabase<_vorak_Meter_Data>::vecT none;
+  EXPECT_EQ(mDb.writeDeallocateDR(none), 0);
+  EXPECT_TRUE(all().empty());
+}
+
+TEST_F(KxDatabaseTest, CachedRowsAreInvisibleUntilWrittenBack) {
+  auto rows = mDb.allocateDR(1);
+  rows[0]->appName = "c";
+  rows[0]->blob = {0, 0};
+  EXPECT_EQ(mDb.cacheRow(rows), 1u);
+  KxDBDataRowKey key("c", 0);
+  EXPECT_EQ(mDb.getCountDR(key), 0);
+  EXPECT_EQ(mDb.KxDatabaseWriteCachedToDisk(), KXDB_SUCCESS);
+  EXPECT_EQ(mDb.getCountDR(key), 1);
+}
+
+TEST_F(KxDatabaseTest, DeleteGivenRowsSkipsRowsNeverStored) {
+  putSample(mDb, "keep", 1, 1);
+  putSample(mDb, "gone", 2, 2);
+  KxDBDataRowKey key("gone", 0);
+  auto rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  auto fresh = mDb.allocateDR(1);  // rowid 0: must not delete rowid 0 or anything else
+  rows.push_back(fresh[0]);
+  rows.push_back(nullptr);
+  EXPECT_EQ(mDb.deleteDeallocateDR(rows), 3);
+  EXPECT_TRUE(rows.empty());
+  auto left = all();
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(left[0].first, "keep");
+}
+
+TEST(KxDatabaseClosed, OperationsOnAStoreNotOpenDoNothingAndKeepTheCache) {
+  kxhost::LogCapture log;
+  {
+    MeterDb db(10, "", "Vorak");
+    auto rows = db.allocateDR(2);
+    for (auto* r : rows) r->appName = "x", r->blob = {0, 0};
+    EXPECT_EQ(db.cacheRow(rows), 2u);
+    EXPECT_EQ(db.writeCachedDRToDisk(), KXDB_SUCCESS);
+    KxDBDataRowKey key;
+    EXPECT_TRUE(db.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE).empty());
+    EXPECT_EQ(db.getCountDR(key), 0);
+    EXPECT_EQ(db.deleteAllDR(key), 0);
+    EXPECT_TRUE(db.getTxtColUniqList(KXDB_TXTCOL_APPNAME, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE).empty());
+    EXPECT_EQ(db.closeKxdb(), KXDB_SUCCESS);
+  }
+  // The cache survived every write-back and is reported when the store goes.
+  EXPECT_EQ(log.count("ERROR:Dbt=Vorak blstSz=0, clstSz=2\n", ANDROID_LOG_ERROR), 1u);
+}
+
+TEST(KxDatabaseConcurrency, TwoThreadsCachingAndWritingBackWriteEveryRowOnce) {
+  MeterDb db(0, "", "Vorak");
+  ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
+  constexpr int kPerThread = 500;
+  auto worker = [&db](const std::string& prefix) {
+    for (int i = 0; i < kPerThread; ++i) {
+      auto rows = db.allocateDR(1);
+      rows[0]->appName = prefix + std::to_string(i);
+      rows[0]->blob = {i, i};
+      if (i % 3 == 0) {
+        db.writeDeallocateDR(rows);
+      } else {
+        db.cacheRow(rows);
+        if (i % 7 == 0) db.KxDatabaseWriteCachedToDisk();
+      }
+    }
+  };
+  std::thread a(worker, "a"), b(worker, "b");
+  a.join();
+  b.join();
+  db.KxDatabaseWriteCachedToDisk();
+  KxDBDataRowKey any;
+  EXPECT_EQ(db.getCountDR(any), 2 * kPerThread);
+  auto names = db.getTxtColUniqList(KXDB_TXTCOL_APPNAME, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  EXPECT_EQ(names.size(), 1000u);
+}
+
+class KxDatabaseFileTest : public ::testing::Test {
+ protected:
+  DeviceRoot mRoot;
+};
+
+TEST_F(KxDatabaseFileTest, RowsSurviveCloseAndReopenInWalMode) {
+  {
+    MeterDb db(0, "Vorak.db", "Vorak");
+    ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
+    putSample(db, "com.a", 3, 4);
+    auto rows = db.allocateDR(1);
+    rows[0]->appName = "cached";
+    rows[0]->blob = {5, 6};
+    db.cacheRow(rows);  // written by the destructor
+  }
+  MeterDb db(0, "Vorak.db", "Vorak");
+  ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
+  KxDBDataRowKey any;
+  EXPECT_EQ(db.getCountDR(any), 2);
+  std::ifstream wal(mRoot.dbPath("Vorak.db-wal"));
+  EXPECT_TRUE(wal.good()) << "a file database runs in WAL mode";
+}
+
+TEST_F(KxDatabaseFileTest, OpenFailsWhenTheDirectoryIsAPlainFile) {
+  std::filesystem::remove_all(mRoot.dir().sub("data/vendor/kx"));
+  mRoot.dir().write("data/vendor/kx", "not a directory");
+  kxhost::LogCapture log;
+  MeterDb db(0, "Vorak.db", "Vorak");
+  EXPECT_EQ(db.KxDatabaseInit(), KXDB_FAILURE);
+  EXPECT_TRUE(log.contains("ERROR:Db=/data/vendor/kx/Vorak.db sql open failed, err=14\n"));
+  EXPECT_FALSE(db.isOpen());
+}
+
+std::string shell(const std::string& cmd) {
+  std::string out;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(cmd.c_str(), "r"), pclose);
+  if (!pipe) return out;
+  std::array<char, 512> buf;
+  while (fgets(buf.data(), buf.size(), pipe.get()) != nullptr) out += buf.data();
+  return out;
+}
+
+TEST_F(KxDatabaseFileTest, FileIsAnOrdinarySqliteDatabaseWithTheSpecifiedSchemaAndBlobs) {
+  {
+    MeterDb db(0, "Vorak.db", "Vorak");
+    ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
+    putSample(db, "com.a", 0x0102030405060708, -1);
+  }
+  const std::string file = mRoot.dbPath("Vorak.db");
+  EXPECT_EQ(shell(std::string(SQLITE3_SHELL) + " " + file + " .schema"),
+            "CREATE TABLE Vorak(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB);\n");
+  EXPECT_EQ(shell(std::string(SQLITE3_SHELL) + " " + file +
+                  " \"SELECT appName, quote(intcol1), quote(rsvdName), hex(blob) FROM Vorak\""),
+            "com.a|NULL|NULL|0807060504030201FFFFFFFFFFFFFFFF\n");
+}
+
+}  // namespace
