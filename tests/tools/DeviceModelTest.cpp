@@ -88,7 +88,7 @@ TEST(DeviceModelTest, StartingAndKillingAProcessMovesFreeMemoryBothWays) {
 TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   DeviceModel m(fourGB());
   m.addProcess(1, 600000, 0, 0, 950);
-  m.addProcess(2, 600000, 0, 0, 700);
+  m.addProcess(2, 600000, 50000, 0, 700);
   const uint64_t free = m.freeKB();
   // Slightly more than free memory: the cache alone covers it.
   EXPECT_GT(m.cleanKB(), free + fourGB().lowWatermarkKB);
@@ -98,8 +98,10 @@ TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   EXPECT_EQ(r.shortKB, 0u);
   EXPECT_GE(m.freeKB(), 0u);
 
-  // Now far more than the cache left: background processes are swapped, least important first.
+  // Now far more than the cache left: the background's file pages go, then
+  // background processes are swapped, least important first.
   r = m.addProcess(4, 500000, 0, 0, 0);
+  EXPECT_EQ(m.process(2)->fileKB, 0u);
   EXPECT_GT(r.swappedKB, 0u);
   EXPECT_EQ(r.shortKB, 0u);
   EXPECT_GT(m.process(1)->swappedKB, 0u);

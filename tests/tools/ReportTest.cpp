@@ -66,6 +66,7 @@ TEST(ReportTest, SummaryCountsKillsOverKillCoverageAndShortLaunches) {
   EXPECT_DOUBLE_EQ(s.overKillKB, 51200);
   EXPECT_EQ(s.askingLaunches, 2u);
   EXPECT_EQ(s.coveredLaunches, 1u);
+  EXPECT_EQ(s.outsideWindow, 0u);
   EXPECT_EQ(s.lackingLaunches, 2u);
   EXPECT_EQ(s.lackingUnlearnt, 1u);
   EXPECT_EQ(s.lackedKB, 50000u);

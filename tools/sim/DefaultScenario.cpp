@@ -43,7 +43,7 @@ AppUse app(const char* name, uint64_t rss, uint64_t ion, uint64_t file, std::vec
   s.ionKgslKB = ion;
   s.fileKB = file;
   s.services = std::move(services);
-  s.growKB = rss / 10;
+  s.growKB = rss / 20;
   s.jitter = 0.06;
   return AppUse{s, weight, morning, evening};
 }

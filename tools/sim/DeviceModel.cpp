@@ -95,13 +95,15 @@ uint64_t DeviceModel::swappableKB() const {
 }
 
 uint64_t DeviceModel::headroomKB() const {
-  const uint64_t droppable = mCacheKB > mProfile.minCacheKB ? mCacheKB - mProfile.minCacheKB : 0;
   const double gainPerKB = 1.0 - 1.0 / mProfile.zramRatio;
-  return mFreeKB + droppable + static_cast<uint64_t>(static_cast<double>(swappableKB()) * gainPerKB);
+  return cleanKB() + static_cast<uint64_t>(static_cast<double>(swappableKB()) * gainPerKB);
 }
 
 uint64_t DeviceModel::cleanKB() const {
-  return mFreeKB + (mCacheKB > mProfile.minCacheKB ? mCacheKB - mProfile.minCacheKB : 0);
+  uint64_t mapped = 0;
+  for (const auto& [pid, p] : mProcs)
+    if (p.oomAdj > kForegroundAdjMax) mapped += p.fileKB;
+  return mFreeKB + (mCacheKB > mProfile.minCacheKB ? mCacheKB - mProfile.minCacheKB : 0) + mapped;
 }
 
 void DeviceModel::reclaimTo(uint64_t targetFreeKB, Reclaim& r) {
@@ -114,12 +116,23 @@ void DeviceModel::reclaimTo(uint64_t targetFreeKB, Reclaim& r) {
   recomputeFree();
   if (mFreeKB >= targetFreeKB) return;
 
+  // Then the file pages that background processes map: clean too, they are
+  // only read back if the process runs again.
+  std::vector<std::pair<int, int>> order;  // (oomAdj, pid), least important first
+  for (const auto& [pid, p] : mProcs)
+    if (p.oomAdj > kForegroundAdjMax) order.emplace_back(p.oomAdj, pid);
+  std::sort(order.rbegin(), order.rend());
+  for (const auto& [adj, pid] : order) {
+    if (mFreeKB >= targetFreeKB) return;
+    ProcessMemory& p = mProcs[pid];
+    const uint64_t unmap = std::min(p.fileKB, targetFreeKB - mFreeKB);
+    p.fileKB -= unmap;
+    r.cacheDroppedKB += unmap;
+    recomputeFree();
+  }
+
   // Then anonymous memory of the least important processes into zram; each
   // swapped KB frees only what compression saves.
-  std::vector<std::pair<int, int>> order;  // (oomAdj, pid)
-  for (const auto& [pid, p] : mProcs)
-    if (p.oomAdj > kForegroundAdjMax && p.anonKB > 0) order.emplace_back(p.oomAdj, pid);
-  std::sort(order.rbegin(), order.rend());
   const double gainPerKB = 1.0 - 1.0 / mProfile.zramRatio;
   for (const auto& [adj, pid] : order) {
     if (mFreeKB >= targetFreeKB || gainPerKB <= 0.0) break;

@@ -55,8 +55,9 @@ class DeviceModel {
   explicit DeviceModel(const DeviceProfile& profile);
 
   // Adds a process and takes its memory; when free memory falls below the low
-  // watermark the kernel drops cache, then swaps background processes (highest
-  // oom_score_adj first) into zram. Memory that even that cannot provide is
+  // watermark the kernel drops cache, then the file pages of background
+  // processes, then swaps background processes into zram (highest
+  // oom_score_adj first). Memory that even that cannot provide is
   // reported in shortKB and not given to the process.
   Reclaim addProcess(int pid, uint64_t anonKB, uint64_t fileKB, uint64_t gpuKB, int oomAdj);
   // Grows a process's anonymous memory (reclaiming as addProcess does).
@@ -71,8 +72,8 @@ class DeviceModel {
   // How much a new allocation can get before the kernel runs out of cache to
   // drop and zram to swap into (free memory down to zero).
   uint64_t headroomKB() const;
-  // Free memory plus the cache that can be dropped: what a new allocation
-  // gets without swapping anything out.
+  // Free memory plus the cache and background file pages that can be
+  // dropped: what a new allocation gets without swapping anything out.
   uint64_t cleanKB() const;
 
   SysStats sysStats() const;

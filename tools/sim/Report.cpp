@@ -77,6 +77,8 @@ Summary Report::summary() const {
       s.askedKB += asked;
       ++s.askingLaunches;
       if (freed >= asked) ++s.coveredLaunches;
+      // The kill action acts only on amounts in its window.
+      if (r.amountKB <= kKillWindowMinKB || r.amountKB > kKillWindowMaxKB) ++s.outsideWindow;
     }
     s.overKillKB += std::max(0.0, freed - asked);
     if (r.lackedKB > 0) {
@@ -119,13 +121,13 @@ std::vector<ExpectationResult> Report::check(const std::vector<Expectation>& exp
 }
 
 std::string Report::launchHeader() const {
-  return "   #  time      " + pad("app", 26) + rpad("learnt", 8) + rpad("to free", 9) + rpad("freed", 9) + "  victims";
+  return "   #  time      " + pad("app", 32) + rpad("learnt", 8) + rpad("to free", 9) + rpad("freed", 9) + "  victims";
 }
 
 std::string Report::launchLine(const LaunchRecord& r) const {
   char idx[16];
   std::snprintf(idx, sizeof idx, "%4d", r.index);
-  std::string line = std::string(idx) + "  " + clockTime(r.at) + "  " + pad(r.app + (r.cold ? "" : " (warm)"), 26);
+  std::string line = std::string(idx) + "  " + clockTime(r.at) + "  " + pad(r.app + (r.cold ? "" : " (warm)"), 32);
   line += rpad(r.learntKB ? formatMB(static_cast<double>(*r.learntKB)) : "-", 8);
   const double asked = std::max(0.0, r.amountKB) + std::max(0.0, r.serviceAmountKB);
   line += rpad(r.answered ? formatMB(asked) : "?", 9);
@@ -164,7 +166,8 @@ std::string Report::toText(const std::vector<Expectation>& expectations) const {
   o << "  over-kill beyond the need   " << formatMB(s.overKillKB) << " (" << pctOf(s.overKillKB, s.freedKB)
     << " of freed)\n";
   o << "  amounts covered by kills    " << s.coveredLaunches << " of " << s.askingLaunches
-    << " launches that asked to free memory\n";
+    << " launches that asked to free memory (" << s.outsideWindow << " asked for amounts outside the "
+    << formatMB(kKillWindowMinKB) << " .. " << formatMB(kKillWindowMaxKB) << " it acts on)\n";
   o << "  launches short of memory    " << s.lackingLaunches << " (" << s.lackingUnlearnt
     << " before the app's need was learnt), " << formatMB(static_cast<double>(s.lackedKB))
     << " to swap out or kill for in all\n";
@@ -174,7 +177,7 @@ std::string Report::toText(const std::vector<Expectation>& expectations) const {
   o << err << "\n";
 
   o << "\nLearnt vs true needs (ion_kgsl + rss_swap)\n";
-  o << "  " << pad("app", 26) << rpad("true", 9) << rpad("learnt", 9) << rpad("error", 8) << rpad("launches", 10)
+  o << "  " << pad("app", 32) << rpad("true", 9) << rpad("learnt", 9) << rpad("error", 8) << rpad("launches", 10)
     << rpad("killed", 8) << "  state\n";
   for (const auto& a : mApps) {
     const double truth = static_cast<double>(a.trueIonKB + a.trueRssKB);
@@ -249,6 +252,7 @@ nlohmann::json Report::toJson(const std::vector<Expectation>& expectations) cons
                   {"overKillKB", s.overKillKB},
                   {"askingLaunches", s.askingLaunches},
                   {"coveredLaunches", s.coveredLaunches},
+                  {"outsideKillWindow", s.outsideWindow},
                   {"lackingLaunches", s.lackingLaunches},
                   {"lackingBeforeLearnt", s.lackingUnlearnt},
                   {"lackedKB", s.lackedKB},

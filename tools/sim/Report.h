@@ -13,6 +13,11 @@
 
 namespace vsim {
 
+// The kill action frees only amounts above 20 MB and up to 600 MB: smaller
+// ones are not worth a kill, larger ones are taken for a faulty estimate.
+constexpr double kKillWindowMinKB = 20480;
+constexpr double kKillWindowMaxKB = 614400;
+
 enum class KillBy { Background, Favourite, User, Device };
 const char* killByName(KillBy by);
 
@@ -65,6 +70,7 @@ struct Summary {
   double overKillKB = 0;       // freed beyond the amount, summed over launches
   size_t askingLaunches = 0;   // launches for which the plug-in decided to free memory
   size_t coveredLaunches = 0;  // ... and freed at least that much
+  size_t outsideWindow = 0;    // ... but for an amount the kill action does not act on
   size_t lackingLaunches = 0, lackingUnlearnt = 0;
   uint64_t lackedKB = 0;
   size_t appsLearnt = 0;

@@ -20,7 +20,7 @@ struct AppSpec {
   uint64_t ionKgslKB = 0;  // true "ion_kgsl" of a launch
   uint64_t fileKB = 0;     // mapped file pages
   std::vector<std::string> services;
-  uint64_t growKB = 0;     // anonymous memory added while in the foreground
+  uint64_t growKB = 0;     // anonymous memory a process adds in its first foreground use
   double jitter = 0.0;     // each launch's need varies by up to this share
   uint64_t needKB() const { return rssSwapKB + ionKgslKB; }
 };

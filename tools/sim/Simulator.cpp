@@ -180,7 +180,9 @@ void Simulator::onPrepare(const Event& e) {
   const pid_t pid = app.empty() ? 0 : mApps[app].pid;
   noteStrayDeaths();
   const auto p = payload(kHintPrepare, 0, app, pid);
-  mHost->trigger(p);
+  // Leaving the home screen names no app: the feature has nothing to record
+  // then, but the hub still has the candidates rebuilt.
+  if (!app.empty()) mHost->trigger(p);
   mHost->hint(p);
   // The candidate lists now hold only live children, so the pids of children
   // that died before can be given back to the system.
@@ -280,6 +282,7 @@ void Simulator::startApp(const AppSpec& spec, LaunchRecord& rec) {
 
   const pid_t pid = mPool.spawn(spec.name);
   run.pid = pid;
+  run.grown = false;
   mOwners[pid] = spec.name;
   mDevice->addProcess(pid, spec.name, anon, file, gpu, kForegroundAdj);
 }
@@ -341,9 +344,10 @@ void Simulator::demote(const std::string& app) {
   if (it == mApps.end()) return;
   if (mForeground == app) mForeground.clear();
   if (it->second.pid <= 0) return;
-  // The app grew while it was in use.
+  // The app grew while it was first in use; later visits reuse that memory.
   const AppSpec* spec = mScenario.app(app);
-  if (spec != nullptr && spec->growKB > 0) mDevice->grow(it->second.pid, spec->growKB);
+  if (spec != nullptr && spec->growKB > 0 && !it->second.grown) mDevice->grow(it->second.pid, spec->growKB);
+  it->second.grown = true;
   mRecent.erase(std::remove(mRecent.begin(), mRecent.end(), app), mRecent.end());
   mRecent.insert(mRecent.begin(), app);
   reassignOomAdj();

@@ -44,6 +44,7 @@ class Simulator {
     int launches = 0;
     int killed = 0;
     uint64_t jitterSeq = 0;
+    bool grown = false;  // the running process has grown by the app's growKB
   };
 
   void prepareRunDir();
