@@ -74,11 +74,14 @@ Summary Report::summary() const {
     const double asked = std::max(0.0, r.amountKB) + std::max(0.0, r.serviceAmountKB);
     s.freedKB += freed;
     if (asked > 0) {
-      s.askedKB += asked;
-      ++s.askingLaunches;
-      if (freed >= asked) ++s.coveredLaunches;
       // The kill action acts only on amounts in its window.
-      if (r.amountKB <= kKillWindowMinKB || r.amountKB > kKillWindowMaxKB) ++s.outsideWindow;
+      if (r.amountKB <= kKillWindowMinKB || r.amountKB > kKillWindowMaxKB) {
+        ++s.outsideWindow;
+      } else {
+        s.askedKB += asked;
+        ++s.askingLaunches;
+        if (freed >= asked) ++s.coveredLaunches;
+      }
     }
     s.overKillKB += std::max(0.0, freed - asked);
     if (r.lackedKB > 0) {
@@ -166,8 +169,8 @@ std::string Report::toText(const std::vector<Expectation>& expectations) const {
   o << "  over-kill beyond the need   " << formatMB(s.overKillKB) << " (" << pctOf(s.overKillKB, s.freedKB)
     << " of freed)\n";
   o << "  amounts covered by kills    " << s.coveredLaunches << " of " << s.askingLaunches
-    << " launches that asked to free memory (" << s.outsideWindow << " asked for amounts outside the "
-    << formatMB(kKillWindowMinKB) << " .. " << formatMB(kKillWindowMaxKB) << " it acts on)\n";
+    << " launches that asked to free " << formatMB(kKillWindowMinKB) << " .. " << formatMB(kKillWindowMaxKB)
+    << "; " << s.outsideWindow << " asked for amounts outside that window, which it does not act on\n";
   o << "  launches short of memory    " << s.lackingLaunches << " (" << s.lackingUnlearnt
     << " before the app's need was learnt), " << formatMB(static_cast<double>(s.lackedKB))
     << " to swap out or kill for in all\n";
@@ -177,7 +180,7 @@ std::string Report::toText(const std::vector<Expectation>& expectations) const {
   o << err << "\n";
 
   o << "\nLearnt vs true needs (ion_kgsl + rss_swap)\n";
-  o << "  " << pad("app", 32) << rpad("true", 9) << rpad("learnt", 9) << rpad("error", 8) << rpad("launches", 10)
+  o << "  " << pad("app", 26) << rpad("true", 9) << rpad("learnt", 9) << rpad("error", 8) << rpad("launches", 10)
     << rpad("killed", 8) << "  state\n";
   for (const auto& a : mApps) {
     const double truth = static_cast<double>(a.trueIonKB + a.trueRssKB);

@@ -66,11 +66,11 @@ struct Summary {
   size_t launches = 0, coldLaunches = 0;
   size_t kills = 0, killsBackground = 0, killsFavourite = 0, killsUser = 0, killsDevice = 0;
   double freedKB = 0;          // by the plug-in
-  double askedKB = 0;          // amounts the plug-in decided to free
+  double askedKB = 0;          // amounts in the kill window the plug-in decided to free
   double overKillKB = 0;       // freed beyond the amount, summed over launches
-  size_t askingLaunches = 0;   // launches for which the plug-in decided to free memory
+  size_t askingLaunches = 0;   // launches for which it decided to free an amount in the window
   size_t coveredLaunches = 0;  // ... and freed at least that much
-  size_t outsideWindow = 0;    // ... but for an amount the kill action does not act on
+  size_t outsideWindow = 0;    // launches whose amount lay outside the window
   size_t lackingLaunches = 0, lackingUnlearnt = 0;
   uint64_t lackedKB = 0;
   size_t appsLearnt = 0;
