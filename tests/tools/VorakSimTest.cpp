@@ -108,7 +108,8 @@ TEST_F(VorakSim, KillsTheExpectedVictimsAndLeavesDatabasesVorakDbCanRead) {
   ToolRun db = run(VORAK_DB_TOOL, {kx + "Vorakaction.db", "--json"});
   ASSERT_EQ(db.code, 0) << db.err;
   bool found = false;
-  for (const auto& row : json::parse(db.out)["rows"]) {
+  const json needs = json::parse(db.out);
+  for (const auto& row : needs["rows"]) {
     if (row["appName"] != "com.test.target") continue;
     found = true;
     EXPECT_EQ(row["rssSwap"], 200000);
