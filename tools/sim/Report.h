@@ -33,7 +33,7 @@ struct LaunchRecord {
   int index = 0;  // 1-based, in launch order
   double at = 0;
   std::string app;
-  bool cold = true;                  // a new process (not a return to a running one)
+  bool cold = true;                  // a new process (not a return to a running one that survived the hint)
   uint64_t trueKB = 0;               // the app's true need (ion_kgsl + rss_swap)
   std::optional<uint64_t> learntKB;  // its learnt need when the launch hint came
   double amountKB = 0;               // what the plug-in decided to free for the app

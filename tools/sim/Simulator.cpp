@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "DependentServices.h"
 #include "FsRoot.h"
@@ -182,7 +184,10 @@ void Simulator::onPrepare(const Event& e) {
   const auto p = payload(kHintPrepare, 0, app, pid);
   // Leaving the home screen names no app: the feature has nothing to record
   // then, but the hub still has the candidates rebuilt.
-  if (!app.empty()) mHost->trigger(p);
+  if (!app.empty()) {
+    mHost->trigger(p);
+    letWorkerRun();
+  }
   mHost->hint(p);
   // The candidate lists now hold only live children, so the pids of children
   // that died before can be given back to the system.
@@ -254,7 +259,9 @@ void Simulator::onLaunch(const Event& e) {
     rec.victims.push_back(v);
   }
 
-  if (rec.cold) {
+  // The launching app's own process may have been among the victims.
+  if (run.pid == 0) {
+    rec.cold = true;
     startApp(spec, rec);
   }
   for (const auto& s : spec.services)
@@ -325,6 +332,7 @@ void Simulator::onComplete(const Event& e) {
   const pid_t pid = it == mApps.end() ? 0 : it->second.pid;
   mHost->trigger(payload(kHintLaunch, e.hintType, e.target, pid));
   mHost->waitForMetering();
+  letWorkerRun();
 }
 
 void Simulator::onRemove(const Event& e) {
@@ -335,6 +343,15 @@ void Simulator::onRemove(const Event& e) {
     takeDead(pid, e.target);
   }
   mHost->trigger(payload(kHintRemoved, 0, e.target, pid));
+  letWorkerRun();
+}
+
+void Simulator::letWorkerRun() {
+  // The feature records user launches on its own worker thread, and nothing
+  // tells when it is done. On a device the next hint comes seconds later; here
+  // a moment of wall time keeps the worker ahead of the hint hub's rebuild of
+  // the candidate lists, which reads what the worker wrote.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 void Simulator::onLearn() { mHost->learn(); }

@@ -55,6 +55,7 @@ class Simulator {
   void onComplete(const Event& e);
   void onRemove(const Event& e);
   void onLearn();
+  void letWorkerRun();
   void startService(const std::string& name);
   void startApp(const AppSpec& spec, LaunchRecord& rec);
   void makeRoom(uint64_t needKB, LaunchRecord* rec);
