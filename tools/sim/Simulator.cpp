@@ -1,12 +1,15 @@
 #include "Simulator.h"
 
+#include <dirent.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -62,6 +65,30 @@ AsyncTriggerPayload payload(int32_t hint, int32_t type, const std::string& app, 
   p.appName = app;
   p.pid = pid;
   return p;
+}
+
+// Whether a thread of this process other than the caller is running or
+// waiting for a CPU (state R in its /proc stat line).
+bool othersRunnable() {
+  const long self = syscall(SYS_gettid);
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return false;
+  bool runnable = false;
+  while (dirent* e = readdir(dir)) {
+    const long tid = std::strtol(e->d_name, nullptr, 10);
+    if (tid <= 0 || tid == self) continue;
+    std::ifstream stat(std::string("/proc/self/task/") + e->d_name + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    // "tid (comm) S ...": the name may hold blanks and parentheses.
+    const auto close = line.rfind(") ");
+    if (close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'R') {
+      runnable = true;
+      break;
+    }
+  }
+  closedir(dir);
+  return runnable;
 }
 
 }  // namespace
@@ -348,13 +375,15 @@ void Simulator::onRemove(const Event& e) {
 
 void Simulator::letWorkerRun() {
   // The feature records user launches on its own worker thread, and nothing
-  // tells when it is done. On a device the next hint comes seconds later; here
-  // a moment of wall time keeps the worker ahead of the hint hub's rebuild of
-  // the candidate lists, which reads what the worker wrote.
-  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  // tells when it is done; the hint hub's next rebuild of the candidate lists
+  // reads what it wrote. On a device seconds pass in between: here, wait until
+  // no other thread of the process is runnable (the trigger made the worker
+  // runnable before runAsync returned), within a bound.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+  do {
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  } while (othersRunnable() && std::chrono::steady_clock::now() < deadline);
 }
-
-void Simulator::onLearn() { mHost->learn(); }
 
 void Simulator::demote(const std::string& app) {
   auto it = mApps.find(app);
