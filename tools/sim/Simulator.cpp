@@ -385,6 +385,8 @@ void Simulator::letWorkerRun() {
   } while (othersRunnable() && std::chrono::steady_clock::now() < deadline);
 }
 
+void Simulator::onLearn() { mHost->learn(); }
+
 void Simulator::demote(const std::string& app) {
   auto it = mApps.find(app);
   if (it == mApps.end()) return;
