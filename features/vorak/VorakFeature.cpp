@@ -14,6 +14,8 @@
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
 #include "VorakAction.h"
+#include "VorakAlgo.h"
+#include "VorakMetaMeter.h"
 #include "kxdb/KxLog.h"
 
 namespace {
@@ -163,8 +165,8 @@ void VorakFeature::readTraceSwitch() {
 void VorakFeature::createComponents(float safeload) {
   const char* name = mFeatureName.c_str();
 
-  // Meter aggregator: VorakMetaMeter(mFeatureInfo, mVorakDb, mFeatureState,
-  // mServiceInDb), built here once the metering component exists.
+  if (mVorakDb != nullptr && mServiceInDb != nullptr)
+    mMetaMeter = new (std::nothrow) VorakMetaMeter(mFeatureInfo, mVorakDb, mFeatureState, mServiceInDb);
   if (mMetaMeter == nullptr)
     VLOGE_IN(kCtor, "No MetaMeter for (%s : %p). Error in input DB Creation or ServiceIP DB Creation", name,
              static_cast<void*>(this));
@@ -184,9 +186,8 @@ void VorakFeature::createComponents(float safeload) {
   KxDatabase<_vorak_Feature_Action_Data>* actionDb = action != nullptr ? action->getActionOutputDb() : nullptr;
   if (actionDb != nullptr && mVorakDb != nullptr && mFavPidDb != nullptr && mFavTimeSlotDb != nullptr &&
       mServiceInDb != nullptr && mServiceOutDb != nullptr) {
-    // VorakAlgo(*this, mServiceInDb, mServiceOutDb, mVorakDb, actionDb,
-    // mFavPidDb, mFavTimeSlotDb, mStartProcDb, mFeatureState), built here
-    // once the learning component exists.
+    mAlgo = new (std::nothrow) VorakAlgo(*this, mServiceInDb, mServiceOutDb, mVorakDb, actionDb, mFavPidDb,
+                                         mFavTimeSlotDb, mStartProcDb, mFeatureState);
   }
   if (mAlgo == nullptr)
     VLOGE_IN(kCtor, "No Algo for (%s : %p). Error in some Action/RAM DB Creation", name, static_cast<void*>(this));
