@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <string_view>
 #include <vector>
@@ -70,6 +71,16 @@ constexpr size_t input(std::string_view name) {
     static_assert(i < kVorakFeatureNames.size(), "unknown model input " name); \
     return i;                                                                  \
   }())
+
+// A float figure as a whole number, truncated toward zero. Out-of-range
+// values saturate and NaN gives 0, as the target's conversion does, instead
+// of being undefined.
+int toInt(float v) {
+  if (v != v) return 0;
+  if (v <= -2147483648.0f) return std::numeric_limits<int>::min();
+  if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
+  return static_cast<int>(v);
+}
 
 // A NUL-terminated text in a fixed-size field, bounded by the field.
 std::string fieldText(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
@@ -320,13 +331,13 @@ float VorakAction::decideKill(std::string appName) {
   const int anon = checkOverflowAndAdd(s.dmaActiveAnonKB, s.dmaInactiveAnonKB, s.normalActiveAnonKB,
                                        s.normalInactiveAnonKB, s.movableActiveAnonKB, s.movableInactiveAnonKB,
                                        s.highMemActiveAnonKB, s.highMemInactiveAnonKB);
-  const int pageCache = static_cast<int>(checkAndDiff(file, checkOverflowAndAdd(s.swapCachedKB, s.buffersKB)));
-  const int cachedKB = static_cast<int>(checkAndDiff(pageCache, s.shmemKB));
+  const int pageCache = toInt(checkAndDiff(file, checkOverflowAndAdd(s.swapCachedKB, s.buffersKB)));
+  const int cachedKB = toInt(checkAndDiff(pageCache, s.shmemKB));
   const int accounted = checkOverflowAndAdd(
       checkOverflowAndAdd(freeKB, pageCache, anon),
       checkOverflowAndAdd(s.swapCachedKB, s.buffersKB, s.pageTablesKB, s.kernelStackKB, s.sUnreclaimKB,
                           s.sReclaimableKB, s.zramUsedKB, s.unreclaimableKB, s.reclaimableKB));
-  const int other = static_cast<int>(checkAndDiff(s.totalKB, accounted));
+  const int other = toInt(checkAndDiff(s.totalKB, accounted));
   const int load =
       checkOverflowAndAdd(anon, other, s.sReclaimableKB, s.sUnreclaimKB, s.zramUsedKB, s.unreclaimableKB);
   const int mload = checkOverflowAndAdd(anon, s.zramUsedKB);

@@ -322,6 +322,10 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
   // other grows by 200000 and available shrinks by it.
   overflowing.dmaFreeKB = 1000;
   overflowing.normalFreeKB = 2147483000;
+  // A total far beyond the range saturates other, so load fails to 0 and
+  // a_plus_l is available alone (1355000).
+  SysStats hugeTotal = ordinaryStats();
+  hugeTotal.totalKB = 1000000000000ULL;
 
   const DecideCase cases[] = {
       // available 1355000, newLoad 400000, freeAfter 955000;
@@ -339,6 +343,10 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
       // A learnt -1 (never measured) is the failure marker: newLoad 0.
       {"learnt marker", ordinaryStats(), 300000, -1, 0.375f, 92500, 92500,
        "(appName,memToGenerate) = (app4, 92500.000000)"},
+      // 0.375 * 1355000 - 955000. Such a total has no model file either:
+      // the score is 1/2, which reports the budget, yet nothing is freed.
+      {"total beyond range", hugeTotal, 300000, 100000, 0.375f, -446875, 0,
+       "(appName,memToGenerate) = (app5, -446875.000000)"},
       // 1e6 * 3860000 is beyond the range: the product is 0.
       {"product out of range", ordinaryStats(), 300000, 100000, 1.0e6f, -955000, 0, "We need not kill here."},
   };
