@@ -31,10 +31,11 @@ class MetaMeter {
   // thread never calls into a partly destroyed object.
   void stopMetering();
 
+  // The feature's configuration and learning state, read by subclasses.
+  const FeatureInfo* mFeatureInfo;
+  FeatureState* mFeatureState;
+
  private:
   // Runs on the metering thread.
   void record(Meter* meter);
-
-  const FeatureInfo* mFeatureInfo;
-  FeatureState* mFeatureState;
 };

@@ -1,0 +1,190 @@
+#include "VorakAlgo.h"
+
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <vector>
+
+#include "FetchPreferredApps.h"
+#include "VorakFeature.h"
+#include "VorakRowGuard.h"
+#include "kxdb/KxLog.h"
+
+namespace {
+
+constexpr const char* kTag = "VorakAlgo";
+
+template <typename T>
+std::vector<std::string> namesOf(KxDatabase<T>* db) {
+  return db->getTxtColUniqList(KXDB_TXTCOL_APPNAME, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+}
+
+}  // namespace
+
+VorakAlgo::VorakAlgo(VorakFeature& feature, KxDatabase<_vorak_App_Service_In>* serviceIn,
+                     KxDatabase<_vorak_App_Service_Out>* serviceOut, KxDatabase<_vorak_Meter_Data>* meter,
+                     KxDatabase<_vorak_Feature_Action_Data>* action,
+                     KxDatabase<_vorak_User_Launched_Data>* userLaunched,
+                     KxDatabase<_vorak_Favorite_Time_Slot_Data>* favTimeSlot,
+                     KxDatabase<_vorak_User_Launched_Data>* userLaunched2, FeatureState& state)
+    : mFeatureState(state),
+      mMeterDb(meter),
+      mActionDb(action),
+      mUserLaunchedDb(userLaunched),
+      mUserLaunchedDb2(userLaunched2),
+      mFavTimeSlotDb(favTimeSlot),
+      mAppServiceInDb(serviceIn),
+      mAppServiceOutDb(serviceOut),
+      mFeature(feature) {}
+
+VorakAlgo::~VorakAlgo() = default;
+
+bool VorakAlgo::traceOn() const { return mFeature.isTraceVorak(); }
+
+void VorakAlgo::runAlgo(const std::atomic<bool>& cancel) {
+  try {
+    // Favourites and service lists are cheap and always completed: the
+    // cancellation flag only ends the per-name loop.
+    populateFavoriteApps();
+    populateAppServiceOutputDb();
+    if (traceOn()) KXLOGE(kTag, "runAlgo called \n");
+    printFsm();
+
+    bool cancelled = false;
+    for (std::string& name : namesOf(mMeterDb)) {
+      AppState state = mFeatureState.readState(name);
+      if (state == APP_STATE_LEARNING_DUE || state == APP_STATE_RELEARN_DUE) learnPerApp(name);
+      if (cancel.load()) {
+        cancelled = true;
+        break;
+      }
+      printDB();
+    }
+    if (!cancelled) {
+      printFsm();
+      printDB();
+      printActionDB();
+    }
+    if (traceOn()) KXLOGE(kTag, "VorakAlgo::runAlgo finished");
+  } catch (const std::exception& e) {
+    KXLOGE(kTag, "Caught exception: %s in %s", e.what(), __func__);
+  } catch (...) {
+    KXLOGE(kTag, "Error in std::string operations in %s", __func__);
+  }
+}
+
+void VorakAlgo::populateFavoriteApps() {
+  FetchPreferredApps preferred;
+  preferred.populateFavoriteApps(mUserLaunchedDb, mUserLaunchedDb2, mFavTimeSlotDb);
+}
+
+bool VorakAlgo::populateAppServiceOutputDb() {
+  KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
+  VorakRowGuard<_vorak_App_Service_In> inputs(
+      mAppServiceInDb, mAppServiceInDb->readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+  for (auto* input : inputs.rows()) {
+    if (input == nullptr) continue;
+    // An output row is made once per application and never refreshed: the
+    // input row keeps the first list anyway.
+    KxDBDataRowKey key(input->appName, KXDB_INTCOL_UNSET);
+    if (mAppServiceOutDb->getCountDR(key) >= 1) continue;
+
+    VorakRowGuard<_vorak_App_Service_Out> output(mAppServiceOutDb, mAppServiceOutDb->allocateDR(1));
+    if (output.rows().empty()) {
+      KXLOGE(kTag, "Could not allocate AppServiceOutput DB row");
+      continue;
+    }
+    auto* row = output.rows().front();
+    static_assert(sizeof(row->blob.serviceNames) == sizeof(input->blob.serviceNames), "service row layout");
+    std::memcpy(row->blob.serviceNames, input->blob.serviceNames, sizeof(row->blob.serviceNames));
+    row->appName = input->appName;
+    mAppServiceOutDb->writeDeallocateDR(output.rows());
+  }
+  return false;
+}
+
+bool VorakAlgo::learnPerApp(std::string& name) {
+  // Only a first learning is done here; names due again (3) are passed
+  // over and keep their samples.
+  if (mFeatureState.readState(name) != APP_STATE_LEARNING_DUE) {
+    mFeatureState.readState(name);
+    return true;
+  }
+
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  const int64_t count = mMeterDb->getCountDR(key);
+  if (count < 1) return true;
+
+  int64_t ionKgslSum = 0;
+  int64_t rssSwapSum = 0;
+  {
+    VorakRowGuard<_vorak_Meter_Data> samples(mMeterDb,
+                                             mMeterDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+    // The -1 and 0 markers of missing readings are summed like any value.
+    for (const auto* row : samples.rows()) {
+      if (row == nullptr) continue;
+      ionKgslSum += row->blob.ionKgsl;
+      rssSwapSum += row->blob.rssSwap;
+    }
+  }
+  // Divided by the stored count, also when a read is capped below it.
+  if (!writeToActionDataBase(name, static_cast<long>(ionKgslSum / count), static_cast<long>(rssSwapSum / count)))
+    return false;  // the samples stay for another try
+  mMeterDb->deleteAllDR(key);
+  return true;
+}
+
+bool VorakAlgo::writeToActionDataBase(std::string& name, long ionKgsl, long rssSwap) {
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  VorakRowGuard<_vorak_Feature_Action_Data> learnt(mActionDb,
+                                                   mActionDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+  auto& rows = learnt.rows();
+
+  if (rows.empty()) {
+    VorakRowGuard<_vorak_Feature_Action_Data> fresh(mActionDb, mActionDb->allocateDR(1));
+    if (fresh.rows().size() != 1 || fresh.rows().front() == nullptr) {
+      fresh.release();
+      mFeatureState.writeState(name, APP_STATE_LEARN_FAILED);
+      // Read back, so that the line shows what the framework really holds.
+      KXLOGE(kTag, "could not write for the app %s hence setting state to %d", name.c_str(),
+             static_cast<int>(mFeatureState.readState(name)));
+      return false;
+    }
+    auto* row = fresh.rows().front();
+    row->appName = name;
+    row->blob.ionKgsl = ionKgsl;
+    row->blob.rssSwap = rssSwap;
+    mActionDb->writeDeallocateDR(fresh.rows());
+    return true;
+  }
+
+  if (rows.size() == 1 && rows.front() != nullptr) {
+    rows.front()->blob.ionKgsl = ionKgsl;
+    rows.front()->blob.rssSwap = rssSwap;
+    mActionDb->writeDeallocateDR(rows);  // an update by rowid
+    return true;
+  }
+
+  // Which of several rows would be right is unknown: leave them all as they are.
+  learnt.release();
+  mFeatureState.writeState(name, APP_STATE_LEARN_FAILED);
+  KXLOGE(kTag, "could not update database as multiple entries for an %s present hence setting state to %d \n",
+         name.c_str(), static_cast<int>(mFeatureState.readState(name)));
+  return false;
+}
+
+void VorakAlgo::printFsm() {
+  for (const std::string& name : namesOf(mMeterDb)) mFeatureState.readState(name);
+}
+
+void VorakAlgo::printDB() {
+  for (const std::string& name : namesOf(mMeterDb)) {
+    KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+    VorakRowGuard<_vorak_Meter_Data> samples(mMeterDb,
+                                             mMeterDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+  }
+}
+
+void VorakAlgo::printActionDB() {
+  for (const std::string& name : namesOf(mActionDb)) mFeatureState.readState(name);
+}

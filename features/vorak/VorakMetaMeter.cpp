@@ -1,0 +1,248 @@
+#include "VorakMetaMeter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <unordered_set>
+
+#include "DependentServices.h"
+#include "Hidl.h"
+#include "StatsProvider.h"
+#include "VorakRowGuard.h"
+#include "kxdb/KxLog.h"
+
+namespace {
+
+constexpr const char* kTag = "VorakMetaMeter";
+constexpr int32_t kLaunchHint = 4225;  // 0x1081
+constexpr const char* kMemoryMeter = "Memory";
+constexpr const char* kIonKgsl = "ion_kgsl";
+constexpr const char* kRssSwap = "rss_swap";
+
+// A field's reading: -1 when the sample lacks the field, 0 when it has no value.
+int64_t reading(const Field* field) {
+  if (field == nullptr) return -1;
+  if (field->getValueCount() < 1 || field->getValues().empty()) return 0;
+  return field->getValues().front();
+}
+
+}  // namespace
+
+VorakMetaMeter::VorakMetaMeter(const FeatureInfo& info, KxDatabase<_vorak_Meter_Data>* meterDb, FeatureState& state,
+                               KxDatabase<_vorak_App_Service_In>* serviceInDb)
+    : MetaMeter(info, state), mVorakDb(meterDb), mAppServiceInDb(serviceInDb) {
+  mLaunchPayload.hintType = -1;
+  // One meter is configured; should there be several, the last one's count holds.
+  for (const MeterInfo& meter : info.meterInfo) mVorakMeterSamples = static_cast<uint32_t>(meter.samplesPerMeter);
+}
+
+VorakMetaMeter::~VorakMetaMeter() {
+  // The metering thread must be done with us before any member goes away.
+  stopMetering();
+}
+
+int VorakMetaMeter::readFromDataBase(std::string& key) { return 0; }
+
+bool VorakMetaMeter::validateAndSetMeters(std::vector<Meter*>& meters) {
+  Meter* meter = meters.empty() ? nullptr : meters.front();
+  if (meter == nullptr) {
+    KXLOGE(kTag, "Found an unknown Meter type : %s ", "");
+    return false;
+  }
+  if (meter->getName() != kMemoryMeter) {
+    KXLOGE(kTag, "Found an unknown Meter type : %s ", meter->getName().c_str());
+    return false;
+  }
+  mStartProcMmFields = meter->getFields();
+
+  // Only a launch record names the application; samples of other triggers
+  // are credited to the last launch seen.
+  std::vector<AsyncTriggerPayload> triggers;
+  meter->getTriggerPayloads(triggers);
+  if (!triggers.empty() && triggers.front().hintID == kLaunchHint) mLaunchPayload = triggers.front();
+  return true;
+}
+
+bool VorakMetaMeter::isValidFieldList(std::vector<Field*>& fields) {
+  if (fields.empty()) return false;
+  bool haveIon = false;
+  bool haveRss = false;
+  for (Field* field : fields) {
+    if (field == nullptr) {
+      KXLOGE(kTag, "Found an unknown Field type : %s ", "");
+      return false;
+    }
+    if (field->getName() == kIonKgsl) {
+      haveIon = true;
+    } else if (field->getName() == kRssSwap) {
+      haveRss = true;
+    } else {
+      KXLOGE(kTag, "Found an unknown Field type : %s ", field->getName().c_str());
+      return false;
+    }
+  }
+  return haveIon && haveRss && fields.size() == 2;
+}
+
+Field* VorakMetaMeter::getMemoryField(std::vector<Field*>& fields, const char* name) {
+  if (name == nullptr) return nullptr;
+  for (Field* field : fields) {
+    if (field != nullptr && field->getName() == name) return field;
+  }
+  return nullptr;
+}
+
+bool VorakMetaMeter::writeToDataBase(std::vector<Meter*> meters) {
+  try {
+    if (mVorakDb == nullptr) {
+      KXLOGE(kTag, "writeToDataBase() end. Failed @ DBhandle mVorakDb");
+      return false;
+    }
+    if (!validateAndSetMeters(meters)) {
+      KXLOGE(kTag, "writeToDataBase() end. Failed @  validateAndSetMeters ");
+      return false;
+    }
+    if (!isValidFieldList(mStartProcMmFields)) {
+      KXLOGE(kTag, "writeToDataBase() end. Failed @  isValidFieldList - mStartProcMmFields");
+      return false;
+    }
+
+    std::string app = mLaunchPayload.appName;
+    VorakRowGuard<_vorak_Meter_Data> samples(mVorakDb, mVorakDb->allocateDR(mVorakMeterSamples));
+    // No configured sample count means nothing can be recorded for the app.
+    if (samples.rows().empty() || samples.rows().size() != mVorakMeterSamples) {
+      KXLOGE(kTag, "writeToDataBase() end. Failed @  allocSize != mVorakMeterSamples  ");
+      samples.release();
+    } else {
+      auto* row = samples.rows().front();
+      row->appName = app;
+      row->blob.ionKgsl = reading(getMemoryField(mStartProcMmFields, kIonKgsl));
+      row->blob.rssSwap = reading(getMemoryField(mStartProcMmFields, kRssSwap));
+      // Without resident memory the launch was not really observed: such a
+      // sample would only drag the mean down.
+      if (row->blob.rssSwap >= 1) {
+        mVorakDb->writeDeallocateDR(samples.rows());
+        updateStateIfNeeded(app);
+      } else {
+        samples.release();
+      }
+    }
+
+    // The services are recorded and sampled whatever became of the app's own sample.
+    DependentServices services;
+    std::vector<std::string> serviceNames;
+    services.getServices(app, serviceNames);
+    if (serviceNames.empty()) return true;
+    writeToAppServiceInputDb(app, serviceNames);
+    if (mAppServiceInDb == nullptr) return true;
+
+    hidl_vec<hidl_string> slotNames(kServiceSlots);
+    {
+      KxDBDataRowKey key(app, KXDB_INTCOL_UNSET);
+      VorakRowGuard<_vorak_App_Service_In> stored(
+          mAppServiceInDb, mAppServiceInDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+      if (stored.rows().empty() || stored.rows().front() == nullptr) return true;
+      const auto& slots = stored.rows().front()->blob.serviceNames;
+      for (size_t i = 0; i < kServiceSlots; ++i) {
+        slotNames[i] = hidl_string(std::string(slots[i], strnlen(slots[i], kServiceSlotSize)));
+      }
+    }
+
+    hidl_vec<int> pids;
+    services.getServicePIDs(slotNames, pids);
+    std::unordered_set<int> livePids;
+    for (int pid : pids) {
+      if (pid != -1) livePids.insert(pid);
+    }
+
+    // Names and pids are deliberately paired by position: the names in the
+    // order of the query above, the pids in the set's order. No pid is looked
+    // up by name, and the walk ends with the shorter of the two.
+    FeatureState serviceStates("Vorak");
+    auto pid = livePids.begin();
+    for (size_t i = 0; i < serviceNames.size() && pid != livePids.end(); ++i, ++pid) {
+      std::string& service = serviceNames[i];
+      AppState state = serviceStates.readState(service);
+      if (state != APP_STATE_COLLECTING && state != APP_STATE_LEARNT) continue;
+      if (*pid == mLaunchPayload.pid) continue;
+      PIDStats stats = StatsProvider::getPIDStats(*pid);
+      writeToInputDb(service, static_cast<long>(stats.gpuKB), static_cast<long>(stats.rssAnonSwapKB));
+    }
+    return true;
+  } catch (const std::exception& e) {
+    KXLOGE(kTag, "Caught exception: %s in %s", e.what(), __func__);
+  } catch (...) {
+    KXLOGE(kTag, "Error in std::string operations in %s", __func__);
+  }
+  return false;
+}
+
+bool VorakMetaMeter::writeToInputDb(std::string& name, long ionKgsl, long rssSwap) {
+  if (mVorakDb == nullptr) return false;
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  mVorakDb->getCountDR(key);
+
+  VorakRowGuard<_vorak_Meter_Data> sample(mVorakDb, mVorakDb->allocateDR(1));
+  if (sample.rows().empty()) {
+    KXLOGE(kTag, "Could not allocate mVorakDb row");
+    return false;
+  }
+  auto* row = sample.rows().front();
+  row->appName = name;
+  row->blob.ionKgsl = ionKgsl;
+  row->blob.rssSwap = rssSwap;
+  mVorakDb->writeDeallocateDR(sample.rows());
+  updateStateIfNeeded(name);
+  return true;
+}
+
+bool VorakMetaMeter::writeToAppServiceInputDb(std::string& app, std::vector<std::string> services) {
+  if (services.size() > kServiceSlots) services.resize(kServiceSlots);
+  if (mAppServiceInDb == nullptr) {
+    KXLOGE(kTag, "Input database does not exist");
+    return false;
+  }
+  char slots[kServiceSlots][kServiceSlotSize] = {};
+  convertToCharArray(services, slots);
+
+  // The first list recorded for an app is kept for good.
+  KxDBDataRowKey key(app, KXDB_INTCOL_UNSET);
+  if (mAppServiceInDb->getCountDR(key) > 0) return true;
+
+  VorakRowGuard<_vorak_App_Service_In> fresh(mAppServiceInDb, mAppServiceInDb->allocateDR(1));
+  if (fresh.rows().empty()) {
+    KXLOGE(kTag, "Could not allocate AppServiceInput DB row");
+    return false;
+  }
+  auto* row = fresh.rows().front();
+  static_assert(sizeof(row->blob.serviceNames) == sizeof(slots), "service row layout");
+  row->appName = app;
+  std::memcpy(row->blob.serviceNames, slots, sizeof(slots));
+  mAppServiceInDb->writeDeallocateDR(fresh.rows());
+  return true;
+}
+
+void VorakMetaMeter::convertToCharArray(std::vector<std::string> names, char (*slots)[kServiceSlotSize]) {
+  const size_t count = std::min(names.size(), kServiceSlots);
+  for (size_t i = 0; i < count; ++i) {
+    const size_t len = std::min(names[i].size(), kServiceSlotSize - 1);
+    std::memcpy(slots[i], names[i].data(), len);
+    slots[i][len] = '\0';
+  }
+}
+
+void VorakMetaMeter::updateStateIfNeeded(std::string& name) {
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  const int64_t count = mVorakDb->getCountDR(key);
+  if (count < static_cast<int64_t>(mFeatureInfo->samplesThreshold)) return;
+  switch (mFeatureState->readState(name)) {
+    case APP_STATE_COLLECTING:
+      mFeatureState->writeState(name, APP_STATE_LEARNING_DUE);
+      break;
+    case APP_STATE_LEARNT:
+      mFeatureState->writeState(name, APP_STATE_RELEARN_DUE);
+      break;
+    default:
+      break;
+  }
+}

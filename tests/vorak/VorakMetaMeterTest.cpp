@@ -1,0 +1,292 @@
+// The meter aggregator: which meters and fields it accepts, what one launch
+// sample records for the application and its services, and when a name
+// becomes due for learning. Service pids are sleepers forked by the test.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "AndroidLog.h"
+#include "DependentServices.h"
+#include "FeatureInfo.h"
+#include "FeatureState.h"
+#include "FsRoot.h"
+#include "StatsProvider.h"
+#include "VorakMetaMeter.h"
+#include "kxhost/LogCapture.h"
+#include "support/Sleepers.h"
+#include "support/TempDir.h"
+
+namespace {
+
+// Per-process figures keyed by pid; unknown pids come back as -1.
+class FakeStats : public kxhost::StatsSource {
+ public:
+  SysStats sysStats() override { return SysStats{}; }
+  PIDStats pidStats(int pid) override {
+    std::lock_guard<std::mutex> lock(mMutex);
+    auto it = mProcs.find(pid);
+    return it != mProcs.end() ? it->second : PIDStats{-1, 0, 0, 0, {}, 0};
+  }
+  std::vector<PIDStats> pidStatsRange(int, int) override { return {}; }
+  // rssFileKB is set apart from the two recorded figures so a mix-up shows.
+  void set(int pid, uint64_t rssAnonSwapKB, uint64_t gpuKB) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mProcs[pid] = PIDStats{pid, 777777, 0, rssAnonSwapKB, "svc", gpuKB};
+  }
+
+ private:
+  std::mutex mMutex;
+  std::map<int, PIDStats> mProcs;
+};
+
+using Sample = std::pair<int64_t, int64_t>;  // ionKgsl, rssSwap
+
+std::unique_ptr<Meter> memoryMeter(const std::string& app, int pid, std::vector<int64_t> ion,
+                                   std::vector<int64_t> rss, int hintID = 4225, const char* name = "Memory") {
+  auto meter = std::make_unique<Meter>(name);
+  auto* ionField = new Field("ion_kgsl");
+  auto* rssField = new Field("rss_swap");
+  for (int64_t v : ion) ionField->addValue(v);
+  for (int64_t v : rss) rssField->addValue(v);
+  meter->addField(ionField);
+  meter->addField(rssField);
+  AsyncTriggerPayload trigger;
+  trigger.hintID = hintID;
+  trigger.hintType = 101;
+  trigger.appName = app;
+  trigger.pid = pid;
+  meter->addTrigger(trigger);
+  return meter;
+}
+
+class VorakMetaMeterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // Learning states persist under the device root: keep them in our directory.
+    kxhost::setFsRoot(mDir.path());
+    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
+    kxhost::clearFeatureStates();
+    kxhost::ServiceRegistry::instance().clear();
+    kxhost::setStatsSource(mStats);
+    ASSERT_EQ(mMeterDb.KxDatabaseInit(), KXDB_SUCCESS);
+    ASSERT_EQ(mServiceInDb.KxDatabaseInit(), KXDB_SUCCESS);
+    mInfo.name = "Vorak";
+    mInfo.samplesThreshold = 3;
+    mInfo.meterInfo.push_back(MeterInfo{"Memory", {}, {"ion_kgsl", "rss_swap"}, {}, 1});
+    mMeter = std::make_unique<VorakMetaMeter>(mInfo, &mMeterDb, mState, &mServiceInDb);
+  }
+  void TearDown() override {
+    mMeter.reset();
+    kxhost::clearFeatureStates();
+    kxhost::setFsRoot("");
+    kxhost::setStatsSource(nullptr);
+    kxhost::ServiceRegistry::instance().clear();
+  }
+
+  bool record(const std::unique_ptr<Meter>& meter) { return mMeter->writeToDataBase({meter.get()}); }
+
+  std::vector<Sample> samplesOf(const std::string& name) {
+    KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+    auto rows = mMeterDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+    std::vector<Sample> out;
+    for (auto* row : rows) out.emplace_back(row->blob.ionKgsl, row->blob.rssSwap);
+    mMeterDb.deallocateDR(rows);
+    return out;
+  }
+
+  // The stored service row of `app`, one string per slot (empty when zero);
+  // also checks that every byte after a name's terminator is zero.
+  std::vector<std::string> storedServices(const std::string& app, int* rowCount = nullptr) {
+    KxDBDataRowKey key(app, KXDB_INTCOL_UNSET);
+    auto rows = mServiceInDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+    if (rowCount != nullptr) *rowCount = static_cast<int>(rows.size());
+    std::vector<std::string> out;
+    if (!rows.empty()) {
+      for (const auto& slot : rows.front()->blob.serviceNames) {
+        std::string name(slot, strnlen(slot, sizeof(slot)));
+        EXPECT_LT(name.size(), sizeof(slot));
+        EXPECT_TRUE(std::all_of(slot + name.size(), slot + sizeof(slot), [](char c) { return c == 0; }));
+        out.push_back(name);
+      }
+    }
+    mServiceInDb.deallocateDR(rows);
+    return out;
+  }
+
+  // Registers `services` for `app`; each with a pid gets it and figures
+  // derived from its position.
+  void setServices(const std::string& app, const std::vector<std::string>& services, const std::vector<int>& pids) {
+    auto& registry = kxhost::ServiceRegistry::instance();
+    registry.setAppServices(app, services);
+    for (size_t i = 0; i < pids.size(); ++i) {
+      registry.setServicePid(services[i], pids[i]);
+      mStats->set(pids[i], 1000 + i, 10 + i);
+    }
+  }
+
+  kxtest::TempDir mDir;
+  std::shared_ptr<FakeStats> mStats = std::make_shared<FakeStats>();
+  KxDatabase<_vorak_Meter_Data> mMeterDb{100, "", "Vorak"};
+  KxDatabase<_vorak_App_Service_In> mServiceInDb{100, "", "Vorak"};
+  FeatureInfo mInfo;
+  FeatureState mState{"Vorak"};
+  std::unique_ptr<VorakMetaMeter> mMeter;
+  kxtest::Sleepers mSleepers;
+};
+
+TEST_F(VorakMetaMeterTest, AcceptsOnlyAFirstMeterNamedMemory) {
+  kxhost::LogCapture log;
+  auto memory = memoryMeter("com.a", 1, {1}, {1});
+  auto lower = memoryMeter("com.a", 1, {1}, {1}, 4225, "memory");
+  std::vector<Meter*> meters{memory.get(), nullptr};
+  EXPECT_TRUE(mMeter->validateAndSetMeters(meters));
+
+  meters = {lower.get(), memory.get()};
+  EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
+  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() "));
+  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory ", ANDROID_LOG_ERROR));
+
+  meters.clear();
+  EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
+  EXPECT_TRUE(log.contains("Found an unknown Meter type :  "));
+
+  EXPECT_FALSE(record(lower));
+  EXPECT_TRUE(log.contains("writeToDataBase() end. Failed @  validateAndSetMeters "));
+  EXPECT_TRUE(samplesOf("com.a").empty());
+}
+
+TEST_F(VorakMetaMeterTest, FieldListIsExactlyTheTwoMemoryFieldsInAnyOrder) {
+  kxhost::LogCapture log;
+  Field ion("ion_kgsl"), rss("rss_swap"), rss2("rss_swap"), pss("pss");
+  std::vector<Field*> fields{&rss, &ion};
+  EXPECT_TRUE(mMeter->isValidFieldList(fields));
+  fields = {&ion};
+  EXPECT_FALSE(mMeter->isValidFieldList(fields));
+  fields = {&ion, &rss, &rss2};
+  EXPECT_FALSE(mMeter->isValidFieldList(fields));
+  EXPECT_EQ(log.lines().size(), 0u);
+
+  fields = {&ion, &pss};
+  EXPECT_FALSE(mMeter->isValidFieldList(fields));
+  EXPECT_TRUE(log.contains("Found an unknown Field type : pss "));
+  fields = {&ion, nullptr};
+  EXPECT_FALSE(mMeter->isValidFieldList(fields));
+  EXPECT_TRUE(log.contains("Found an unknown Field type :  "));
+
+  fields = {nullptr, &rss, &rss2};
+  EXPECT_EQ(mMeter->getMemoryField(fields, "rss_swap"), &rss);
+  EXPECT_EQ(mMeter->getMemoryField(fields, "ion_kgsl"), nullptr);
+  EXPECT_EQ(mMeter->getMemoryField(fields, nullptr), nullptr);
+}
+
+TEST_F(VorakMetaMeterTest, RecordsTheLaunchedAppsReadings) {
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {500})));
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {}, {501})));
+  // A sample of another trigger counts for the last launch seen.
+  EXPECT_TRUE(record(memoryMeter("com.other", 1, {7}, {502}, 4163)));
+  auto samples = samplesOf("com.a");
+  std::sort(samples.begin(), samples.end());
+  EXPECT_EQ(samples, (std::vector<Sample>{{0, 501}, {7, 502}, {300, 500}}));
+  EXPECT_TRUE(samplesOf("com.other").empty());
+}
+
+TEST_F(VorakMetaMeterTest, ZeroRssSwapRecordsNothingForTheAppButStillSamplesItsServices) {
+  const int svc = mSleepers.start();
+  setServices("com.a", {"svc.a"}, {svc});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {0})));
+  EXPECT_TRUE(samplesOf("com.a").empty());
+  EXPECT_EQ(samplesOf("svc.a"), (std::vector<Sample>{{10, 1000}}));
+  EXPECT_EQ(storedServices("com.a")[0], "svc.a");
+}
+
+TEST_F(VorakMetaMeterTest, WithoutAConfiguredSampleCountOnlyServicesAreSampled) {
+  kxhost::LogCapture log;
+  mInfo.meterInfo.clear();
+  mMeter = std::make_unique<VorakMetaMeter>(mInfo, &mMeterDb, mState, &mServiceInDb);
+  setServices("com.a", {"svc.a"}, {mSleepers.start()});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {500})));
+  EXPECT_TRUE(log.contains("writeToDataBase() end. Failed @  allocSize != mVorakMeterSamples  "));
+  EXPECT_TRUE(samplesOf("com.a").empty());
+  EXPECT_EQ(samplesOf("svc.a").size(), 1u);
+}
+
+TEST_F(VorakMetaMeterTest, PairsServiceNamesWithLivePidsByPositionSkippingTheLaunchPid) {
+  const int launch = mSleepers.start();
+  const int other = mSleepers.start();
+  // Only the third and fourth services run; their pids go to the first two names.
+  setServices("com.a", {"svc.0", "svc.1", "svc.2", "svc.3"}, {});
+  kxhost::ServiceRegistry::instance().setServicePid("svc.2", launch);
+  kxhost::ServiceRegistry::instance().setServicePid("svc.3", other);
+  mStats->set(other, 2000, 20);
+  EXPECT_TRUE(record(memoryMeter("com.a", launch, {1}, {1})));
+
+  auto first = samplesOf("svc.0");
+  auto second = samplesOf("svc.1");
+  EXPECT_EQ(first.size() + second.size(), 1u) << "the launch pid is never sampled";
+  auto taken = first.empty() ? second : first;
+  EXPECT_EQ(taken, (std::vector<Sample>{{20, 2000}}));
+  EXPECT_TRUE(samplesOf("svc.2").empty());
+  EXPECT_TRUE(samplesOf("svc.3").empty());
+}
+
+TEST_F(VorakMetaMeterTest, StoresTwelveOfFifteenServicesAndSamplesAsManyNames) {
+  std::vector<std::string> names;
+  std::vector<int> pids;
+  for (int i = 0; i < 15; ++i) {
+    names.push_back("svc." + std::to_string(i));
+    pids.push_back(mSleepers.start());
+  }
+  setServices("com.a", names, pids);
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+
+  EXPECT_EQ(storedServices("com.a"), std::vector<std::string>(names.begin(), names.begin() + 12));
+  for (int i = 0; i < 15; ++i) EXPECT_EQ(samplesOf(names[i]).size(), i < 12 ? 1u : 0u) << names[i];
+}
+
+TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListCuttingLongNames) {
+  const std::string longName(300, 'x');
+  setServices("com.a", {"svc.a", longName, "svc.c"}, {});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+  setServices("com.a", {"svc.z"}, {});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+
+  int rows = 0;
+  std::vector<std::string> expected{"svc.a", longName.substr(0, 255), "svc.c"};
+  expected.resize(12);
+  EXPECT_EQ(storedServices("com.a", &rows), expected);
+  EXPECT_EQ(rows, 1);
+}
+
+TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
+  std::string name = "com.a";
+  const std::vector<std::pair<AppState, AppState>> transitions{{APP_STATE_COLLECTING, APP_STATE_LEARNING_DUE},
+                                                               {APP_STATE_LEARNT, APP_STATE_RELEARN_DUE},
+                                                               {APP_STATE_LEARNING_DUE, APP_STATE_LEARNING_DUE},
+                                                               {APP_STATE_RELEARN_DUE, APP_STATE_RELEARN_DUE}};
+  for (const auto& [from, to] : transitions) {
+    KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+    mMeterDb.deleteAllDR(key);
+    mState.writeState(name, from);
+    EXPECT_TRUE(mMeter->writeToInputDb(name, 1, 1));
+    EXPECT_TRUE(mMeter->writeToInputDb(name, 1, 1));
+    EXPECT_EQ(mState.readState(name), from) << "below the threshold";
+    EXPECT_TRUE(mMeter->writeToInputDb(name, 1, 1));
+    EXPECT_EQ(mState.readState(name), to) << "from " << from;
+  }
+}
+
+TEST_F(VorakMetaMeterTest, ServicesDueForLearningAreNotSampled) {
+  setServices("com.a", {"svc.a"}, {mSleepers.start()});
+  mState.writeState("svc.a", APP_STATE_LEARNING_DUE);
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+  EXPECT_TRUE(samplesOf("svc.a").empty());
+}
+
+}  // namespace
