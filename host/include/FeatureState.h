@@ -18,13 +18,16 @@ enum AppState : int32_t {
 namespace kxhost {
 class FeatureStateStore;
 
-// Forgets every state of every feature (test fixtures, simulator runs).
-// Existing handles stay valid and see the emptied states.
+// Closes every feature's state file and forgets what was loaded from it;
+// the next use loads the states again from the device root in effect then
+// (test fixtures, simulator runs). Existing handles stay valid.
 void clearFeatureStates();
 }  // namespace kxhost
 
 // A handle on the states of one feature. Every handle constructed with the
 // same feature name sees the same states; handles are cheap and thread-safe.
+// The states persist in "/data/vendor/kx/<feature>AppState.db" (through
+// kxhost::devicePath), loaded on first use and written through.
 class FeatureState {
  public:
   explicit FeatureState(const std::string& featureName);

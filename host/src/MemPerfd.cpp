@@ -50,7 +50,9 @@ struct MemPerfd::Impl {
 
   void deliver(std::unique_lock<std::mutex>& lock, const AsyncTriggerPayload& payload) {
     const unsigned hint = static_cast<unsigned>(payload.hintID);
-    std::vector<Registration> targets = mRegistrations[hint];
+    auto it = mRegistrations.find(hint);
+    if (it == mRegistrations.end()) return;
+    std::vector<Registration> targets = it->second;
     for (const Registration& target : targets) {
       // Deregistered by an earlier action of this payload: skip it.
       if (!registered(target.action, hint)) continue;

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "DeviceRoot.h"
 #include "Feature.h"
 
 namespace {
@@ -69,8 +70,6 @@ class LearningFeature : public Feature {
 class LearningSchedulerTest : public ::testing::Test {
  protected:
   LearningSchedulerTest() : mFeature(info()), mState("LearningTest") {}
-  void SetUp() override { kxhost::clearFeatureStates(); }
-  void TearDown() override { kxhost::clearFeatureStates(); }
   static FeatureInfo info() {
     FeatureInfo i;
     i.name = "LearningTest";
@@ -80,6 +79,7 @@ class LearningSchedulerTest : public ::testing::Test {
     return [this](const std::string& name) { return mFeature.algo->hasRow(name); };
   }
 
+  kxtest::DeviceRoot mRoot;
   LearningFeature mFeature;
   FeatureState mState;
 };

@@ -113,24 +113,17 @@ TEST_F(MetaMeterTest, MemoryMeterOfTheTriggeringProcessReachesWriteToDataBaseOnT
   EXPECT_FALSE(seen[0].onCallerThread);
 }
 
-TEST_F(MetaMeterTest, UnknownProcessGivesFieldsWithoutValues) {
-  RecordingMetaMeter meter(mInfo, mState);
-  meter.handleAsync(launchDone(99999));
-  kxhost::MeteringThread::instance().drain();
-  auto seen = meter.seen();
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].counts, (std::vector<int32_t>{0, 0}));
-}
-
-TEST_F(MetaMeterTest, OnlyMeterInfosNamedMemoryAreSampled) {
+TEST_F(MetaMeterTest, EveryMemoryMeterInfoIsSampledAndAnUnknownProcessGivesNoValues) {
   MeterInfo other;
   other.name = "memory";
   mInfo.meterInfo.push_back(other);
   mInfo.meterInfo.push_back(mInfo.meterInfo[0]);
   RecordingMetaMeter meter(mInfo, mState);
-  meter.handleAsync(launchDone(4321));
+  meter.handleAsync(launchDone(99999));
   kxhost::MeteringThread::instance().drain();
-  EXPECT_EQ(meter.seen().size(), 2u);
+  auto seen = meter.seen();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[1].counts, (std::vector<int32_t>{0, 0}));
 
   FeatureInfo none;
   RecordingMetaMeter idle(none, mState);

@@ -1,0 +1,598 @@
+#include "VorakAction.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "DependentServices.h"
+#include "FetchPreferredApps.h"
+#include "FsRoot.h"
+#include "Hidl.h"
+#include "StatsProvider.h"
+#include "Vorak.pb.h"
+#include "VorakFeature.h"
+#include "kxdb/KxLog.h"
+
+namespace {
+
+constexpr const char* kModelPrefix = "/vendor/etc/kx/vorak/vorak_";
+
+// At most one kill pass between two preparation hints, whichever action
+// object handles them: set when a launch is acted on, cleared by the next
+// preparation hint. The hub delivers both hints on its one thread.
+bool sLaunchHandled = false;
+
+std::atomic<VorakAction::ClockFn> sClock{nullptr};
+std::atomic<VorakAction::PauseFn> sPause{nullptr};
+
+// Background processes, by the host's kill-priority range (oom_score_adj).
+constexpr int kBackgroundMinAdj = 700;
+constexpr int kBackgroundMaxAdj = 1000;
+
+// Pause taken before every fifth kill, so that the kernel can reap the
+// memory of a burst before the next one.
+constexpr int kKillsPerBurst = 4;
+constexpr useconds_t kBurstPauseUs = 10000;
+
+// Model file of the device's memory class; the prefix alone when total
+// memory fits no class, which then fails to open.
+std::string modelFileName(uint64_t totalKB) {
+  std::string name = kModelPrefix;
+  if (totalKB > 1048576 && totalKB <= 2097152) {
+    name += "2GB.data";
+  } else if (totalKB > 2097152 && totalKB <= 4194304) {
+    name += "4GB.data";
+  } else if (totalKB > 4194304 && totalKB <= 8388608) {
+    name += "6GB.data";
+  }
+  return name;
+}
+
+constexpr size_t input(std::string_view name) {
+  for (size_t i = 0; i < kVorakFeatureNames.size(); ++i) {
+    if (kVorakFeatureNames[i] == name) return i;
+  }
+  return kVorakFeatureNames.size();
+}
+
+// Index of a model input, checked at compile time.
+#define VORAK_INPUT(name)                                                      \
+  ([] {                                                                        \
+    constexpr size_t i = input(name);                                          \
+    static_assert(i < kVorakFeatureNames.size(), "unknown model input " name); \
+    return i;                                                                  \
+  }())
+
+// A NUL-terminated text in a fixed-size field, bounded by the field.
+std::string fieldText(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
+
+template <typename T>
+void release(KxDatabase<T>* db, typename KxDBDataTable<T>::vecT& rows) {
+  if (db != nullptr) {
+    db->deallocateDR(rows);
+  }
+}
+
+// Rows named `name` (every row for an empty name); a limit of 0 means the
+// store's own cap.
+template <typename T>
+typename KxDBDataTable<T>::vecT readRows(KxDatabase<T>* db, const std::string& name, unsigned long limit = 0) {
+  if (db == nullptr) return {};
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  return db->readAllocateDR(key, limit, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+}
+
+}  // namespace
+
+VorakAction::VorakAction(VorakFeature& feature, float safeload, KxDatabase<_vorak_User_Launched_Data>* userDb,
+                         KxDatabase<_vorak_User_Launched_Data>* favPidDb,
+                         KxDatabase<_vorak_Favorite_Time_Slot_Data>* favTimeSlotDb,
+                         KxDatabase<_vorak_App_Service_Out>* serviceOutDb,
+                         KxDatabase<_vorak_User_Launched_Data>* startProcDb)
+    : mUserDb(userDb),
+      mFavTimeSlotDb(favTimeSlotDb),
+      mServiceOutDb(serviceOutDb),
+      mFavPidDb(favPidDb),
+      mStartProcDb(startProcDb),
+      mSafeload(safeload),
+      mFeature(feature) {
+  try {
+    loadModel();
+    for (size_t i = 0; i < kVorakFeatureNames.size(); ++i) {
+      mInputs[i] = &mFeatures[std::string(kVorakFeatureNames[i])];
+    }
+
+    mActionDb = new (std::nothrow) KxDatabase<_vorak_Feature_Action_Data>(1000, "Vorakaction.db", "Vorak");
+    if (mActionDb == nullptr) {
+      KXLOGE("VorakAction", "Failed to Create KxDatabase for VorakFeatureActionData.");
+    } else {
+      const int rc = mActionDb->KxDatabaseInit();
+      if (rc != KXDB_SUCCESS) {
+        KXLOGE("VorakAction", "Error in DB initialization. %d ", rc);
+      }
+    }
+
+    MemPerfd* hub = MemPerfd::getInstance();
+    hub->registerToPerfHint(this, kLaunchHint, false);
+    hub->registerToPerfHint(this, kPreparationHint, false);
+  } catch (const std::exception& e) {
+    KXLOGE("VorakAction", "Exception caught: %s in %s", e.what(), __func__);
+  } catch (...) {
+    KXLOGE("VorakAction", "Exception caught in %s", __func__);
+  }
+}
+
+VorakAction::~VorakAction() {
+  // Deregistration waits for a delivery in progress, so nothing below runs
+  // under the hub's thread.
+  MemPerfd* hub = MemPerfd::getInstance();
+  hub->deregisterPerfHint(this, kLaunchHint);
+  hub->deregisterPerfHint(this, kPreparationHint);
+  delete mActionDb;
+  mActionDb = nullptr;
+  clearAllMaps();
+}
+
+void VorakAction::loadModel() {
+  GOOGLE_PROTOBUF_VERIFY_VERSION;
+  const std::string fileName = modelFileName(StatsProvider::getSysStats().totalKB);
+  std::ifstream in(kxhost::devicePath(fileName), std::ios::in | std::ios::binary);
+  if (!in.is_open()) {
+    KXLOGE("VorakAction", "Fatal! %s: File not found. Error = %s", fileName.c_str(), strerror(errno));
+    return;
+  }
+  VorakModel model;
+  if (!model.ParseFromIstream(&in)) {
+    KXLOGE("VorakAction", "Failed to parse model from file: %s. Err = %s", fileName.c_str(), strerror(errno));
+    return;
+  }
+  for (const auto& [name, f] : model.features()) {
+    MLModelFeature& entry = mFeatures[name];
+    entry.min = f.min();
+    entry.max = f.max();
+    entry.weight = f.weight();
+  }
+  mBias = model.bias();
+}
+
+bool VorakAction::traceOn() const { return mFeature.isTraceVorak(); }
+
+void VorakAction::setClock(ClockFn fn) { sClock.store(fn); }
+void VorakAction::setPause(PauseFn fn) { sPause.store(fn); }
+
+void VorakAction::clearAllMaps() {
+  mBackgroundList.clear();
+  mFavoriteList.clear();
+  mUserLaunchedList.clear();
+  mAppServiceNames.clear();
+  mAppServicePids.clear();
+  mProtectedPids.clear();
+}
+
+void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
+  if (payload.hintID == static_cast<int32_t>(kPreparationHint)) {
+    generateTaskList();
+    sLaunchHandled = false;
+    return;
+  }
+  if (payload.hintID != static_cast<int32_t>(kLaunchHint) || payload.hintType != kLaunchHintType) return;
+  if (sLaunchHandled) return;
+  sLaunchHandled = true;
+
+  // With nothing learnt about the user yet, let the host seed the favourites.
+  // Only emptiness matters here: one row of a table is enough, and the user
+  // table need not be read once favourites exist.
+  if (mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
+    auto slots = readRows(mFavTimeSlotDb, std::string(), 1);
+    if (slots.empty()) {
+      auto users = readRows(mUserDb, std::string(), 1);
+      if (users.empty()) FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
+      release(mUserDb, users);
+    }
+    release(mFavTimeSlotDb, slots);
+  }
+
+  mSurplus = 0;
+  const std::string appName = payload.appName;
+
+  const float amount = decideKill(appName);
+  updateAppServices(appName);
+  getAllServices();
+
+  float freed = 0;
+  if (amount > 0) {
+    freed = vorak(amount);
+    mSurplus = checkAndDiff(freed, amount);
+  } else {
+    mSurplus = checkAndDiff(0.0f, amount);
+  }
+  if (traceOn()) {
+    KXLOGE("VorakAction",
+           "(appName,hintID,memoryToGenerate,memoryGenerated, surplusMemory) = (%s ,%d, %f, %f, %f)",
+           appName.c_str(), payload.hintID, amount, freed, mSurplus);
+  }
+
+  // Services the app will start and that are not in memory yet need room
+  // too; what the first pass freed beyond its budget counts towards it.
+  float need = 0;
+  float freed2 = 0;
+  if (amount > 0) {
+    const float serviceMemory = getNonRAMServicesMemory(appName);
+    const float want = checkAndDiff(serviceMemory, mSurplus);
+    if (want > 0) {
+      need = want;
+      freed2 = vorak(need);
+      mSurplus = checkAndDiff(freed2, need);
+    }
+  }
+  if (traceOn()) {
+    KXLOGE("VorakAction",
+           "(Service - appName,hintID,memoryToGenerate,memoryGenerated, surplusServiceMemory) = (%s ,%d, %f, %f, "
+           "%f)",
+           appName.c_str(), payload.hintID, need, freed2, mSurplus);
+  }
+}
+
+void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char* phase, float& remaining,
+                           float& freed, int& kills) {
+  while (remaining > 0 && !list.empty()) {
+    if (kills >= kKillsPerBurst) {
+      if (PauseFn pause = sPause.load()) {
+        pause(kBurstPauseUs);
+      } else {
+        usleep(kBurstPauseUs);
+      }
+      kills = 0;
+    }
+    // The smallest process that alone covers the rest, else the largest.
+    auto it = list.lower_bound(static_cast<long>(remaining));
+    if (it == list.end()) it = std::prev(it);
+    const long memKB = it->first;
+    const int pid = it->second;
+
+    // A pid of 0 or below would address a process group, never one process.
+    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && getpgid(pid) != -1) {
+      if (kill(pid, SIGKILL) == 0) {
+        if (phase == nullptr) {
+          KXLOGE("VorakAction", "Killed PID = %d, to Free Memory = %ld KB", pid, memKB);
+        } else {
+          KXLOGE("VorakAction", "Killed %s PID = %d, to Free Memory = %ld KB", phase, pid, memKB);
+        }
+        remaining = checkAndDiff(remaining, static_cast<float>(memKB));
+        freed = checkOverflowAndAdd(freed, memKB);
+        ++kills;
+      } else if (phase != nullptr || traceOn()) {
+        KXLOGE("VorakAction", "Couldnt kill the PID = %d. Error = %s", pid, strerror(errno));
+      }
+    }
+    list.erase(it);
+  }
+}
+
+float VorakAction::vorak(float memoryToGenerate) {
+  if (!(memoryToGenerate > kMinBudgetKB && memoryToGenerate <= kMaxBudgetKB)) return 0;
+
+  float remaining = memoryToGenerate;
+  float freed = 0;
+  int kills = 0;
+  // Active services are looked for among the background processes only;
+  // favourites and user-launched candidates are applications.
+  killFrom(mBackgroundList, true, nullptr, remaining, freed, kills);
+  if (remaining > 0) {
+    killFrom(mFavoriteList, false, "Fav", remaining, freed, kills);
+    killFrom(mUserLaunchedList, false, "User", remaining, freed, kills);
+  }
+  return freed;
+}
+
+float VorakAction::decideKill(std::string appName) {
+  const bool trace = traceOn();
+
+  // The app's learnt needs, narrowed to 32 bits as the model was fitted on.
+  int killsafeANON = 0;
+  int killsafeUNRECLAIM = 0;
+  {
+    auto rows = readRows(mActionDb, appName);
+    if (rows.empty() || rows.front() == nullptr) {
+      release(mActionDb, rows);
+      if (trace) KXLOGE("VorakAction", "No entry in O/P DB for App = (%s)", appName.c_str());
+      return 0;
+    }
+    killsafeANON = static_cast<int32_t>(static_cast<uint32_t>(rows.front()->blob.rssSwap));
+    killsafeUNRECLAIM = static_cast<int32_t>(static_cast<uint32_t>(rows.front()->blob.ionKgsl));
+    release(mActionDb, rows);
+  }
+
+  const SysStats s = StatsProvider::getSysStats();
+
+  const int freeKB = checkOverflowAndAdd(s.dmaFreeKB, s.normalFreeKB, s.movableFreeKB, s.highMemFreeKB);
+  const int file = checkOverflowAndAdd(s.dmaActiveFileKB, s.dmaInactiveFileKB, s.normalActiveFileKB,
+                                       s.normalInactiveFileKB, s.movableActiveFileKB, s.movableInactiveFileKB,
+                                       s.highMemActiveFileKB, s.highMemInactiveFileKB);
+  const int anon = checkOverflowAndAdd(s.dmaActiveAnonKB, s.dmaInactiveAnonKB, s.normalActiveAnonKB,
+                                       s.normalInactiveAnonKB, s.movableActiveAnonKB, s.movableInactiveAnonKB,
+                                       s.highMemActiveAnonKB, s.highMemInactiveAnonKB);
+  const int pageCache = static_cast<int>(checkAndDiff(file, checkOverflowAndAdd(s.swapCachedKB, s.buffersKB)));
+  const int cachedKB = static_cast<int>(checkAndDiff(pageCache, s.shmemKB));
+  const int accounted = checkOverflowAndAdd(
+      checkOverflowAndAdd(freeKB, pageCache, anon),
+      checkOverflowAndAdd(s.swapCachedKB, s.buffersKB, s.pageTablesKB, s.kernelStackKB, s.sUnreclaimKB,
+                          s.sReclaimableKB, s.zramUsedKB, s.unreclaimableKB, s.reclaimableKB));
+  const int other = static_cast<int>(checkAndDiff(s.totalKB, accounted));
+  const int load =
+      checkOverflowAndAdd(anon, other, s.sReclaimableKB, s.sUnreclaimKB, s.zramUsedKB, s.unreclaimableKB);
+  const int mload = checkOverflowAndAdd(anon, s.zramUsedKB);
+  const int nmload = checkOverflowAndAdd(s.sUnreclaimKB, s.unreclaimableKB, s.sReclaimableKB, other);
+  const int available = checkOverflowAndAdd(
+      freeKB, checkOverflowAndAdd(s.sReclaimableKB, s.reclaimableKB, s.buffersKB), cachedKB);
+  const int aPlusL = checkOverflowAndAdd(available, load);
+  const int newLoad = checkOverflowAndAdd(killsafeANON, killsafeUNRECLAIM);
+  const float freeAfter = checkAndDiff(available, newLoad);
+  const int compressable = checkOverflowAndAdd(anon, s.mappedKB);
+  // KB to 4-KB pages.
+  const float activeFile = checkOverflowAndMult(
+      static_cast<float>(checkOverflowAndAdd(s.dmaActiveFileKB, s.normalActiveFileKB, s.movableActiveFileKB,
+                                             s.highMemActiveFileKB)),
+      0.25);
+  const float activeAnon = checkOverflowAndMult(
+      static_cast<float>(checkOverflowAndAdd(s.dmaActiveAnonKB, s.normalActiveAnonKB, s.movableActiveAnonKB,
+                                             s.highMemActiveAnonKB)),
+      0.25);
+  const float inactiveFile = checkOverflowAndMult(
+      static_cast<float>(checkOverflowAndAdd(s.dmaInactiveFileKB, s.normalInactiveFileKB,
+                                             s.movableInactiveFileKB, s.highMemInactiveFileKB)),
+      0.25);
+  const float inactiveAnon = checkOverflowAndMult(
+      static_cast<float>(checkOverflowAndAdd(s.dmaInactiveAnonKB, s.normalInactiveAnonKB,
+                                             s.movableInactiveAnonKB, s.highMemInactiveAnonKB)),
+      0.25);
+
+  auto set = [this](size_t i, float v) { mInputs[i]->value = v; };
+  set(VORAK_INPUT("FreeKB"), freeKB);
+  set(VORAK_INPUT("CachedKB"), cachedKB);
+  set(VORAK_INPUT("BuffersKB"), s.buffersKB);
+  set(VORAK_INPUT("SReclaimKB"), s.sReclaimableKB);
+  set(VORAK_INPUT("SlabKB"), checkOverflowAndAdd(s.sReclaimableKB, s.sUnreclaimKB));
+  set(VORAK_INPUT("ZUsedKB"), s.zramUsedKB);
+  set(VORAK_INPUT("UnReclaimableKB"), s.unreclaimableKB);
+  set(VORAK_INPUT("ReclaimableKB"), s.reclaimableKB);
+  set(VORAK_INPUT("ZOrigKB"), s.zramOrigKB);
+  set(VORAK_INPUT("TotalAnonPages"), anon / 4);
+  set(VORAK_INPUT("nrFreeCMAPages"), s.freeCmaKB >> 2);
+  set(VORAK_INPUT("MappedFileKB"), s.mappedKB);
+  set(VORAK_INPUT("highMem_nr_free_pages"), s.highMemFreeKB >> 2);
+  set(VORAK_INPUT("highMem_nr_inactive_anon"), s.highMemInactiveAnonKB >> 2);
+  set(VORAK_INPUT("highMem_nr_active_anon"), s.highMemActiveAnonKB >> 2);
+  set(VORAK_INPUT("highMem_nr_inactive_file"), s.highMemInactiveFileKB >> 2);
+  set(VORAK_INPUT("highMem_nr_active_file"), s.highMemActiveFileKB >> 2);
+  set(VORAK_INPUT("dma_nr_free_pages"), s.dmaFreeKB >> 2);
+  set(VORAK_INPUT("dma_nr_inactive_anon"), s.dmaInactiveAnonKB >> 2);
+  set(VORAK_INPUT("dma_nr_active_anon"), s.dmaActiveAnonKB >> 2);
+  set(VORAK_INPUT("dma_nr_inactive_file"), s.dmaInactiveFileKB >> 2);
+  set(VORAK_INPUT("dma_nr_active_file"), s.dmaActiveFileKB >> 2);
+  set(VORAK_INPUT("normal_nr_free_pages"), s.normalFreeKB >> 2);
+  set(VORAK_INPUT("normal_nr_inactive_anon"), s.normalInactiveAnonKB >> 2);
+  set(VORAK_INPUT("normal_nr_active_anon"), s.normalActiveAnonKB >> 2);
+  set(VORAK_INPUT("normal_nr_inactive_file"), s.normalInactiveFileKB >> 2);
+  set(VORAK_INPUT("normal_nr_active_file"), s.normalActiveFileKB >> 2);
+  set(VORAK_INPUT("movable_nr_free_pages"), s.movableFreeKB >> 2);
+  set(VORAK_INPUT("movable_nr_inactive_anon"), s.movableInactiveAnonKB >> 2);
+  set(VORAK_INPUT("movable_nr_active_anon"), s.movableActiveAnonKB >> 2);
+  set(VORAK_INPUT("killsafeANON"), killsafeANON);
+  set(VORAK_INPUT("killsafeUNRECLAIM"), killsafeUNRECLAIM);
+  set(VORAK_INPUT("available"), available);
+  set(VORAK_INPUT("load"), load);
+  set(VORAK_INPUT("a_plus_l"), aPlusL);
+  set(VORAK_INPUT("nmload"), nmload);
+  set(VORAK_INPUT("mload"), mload);
+  set(VORAK_INPUT("newLoad"), newLoad);
+  const float freeByLoad = freeAfter / static_cast<float>(checkOverflowAndAdd(newLoad, load));
+  set(VORAK_INPUT("freeByTotal"), freeAfter / static_cast<float>(aPlusL));
+  set(VORAK_INPUT("freeByLoad"), freeByLoad);
+  const float zramCapacity =
+      checkAndDiff(checkOverflowAndMult(2, s.zramSizeKB), s.zramOrigKB) / static_cast<float>(s.zramSizeKB);
+  set(VORAK_INPUT("zramCapacity"), zramCapacity);
+  set(VORAK_INPUT("compressable"), compressable);
+  set(VORAK_INPUT("zramEff"), static_cast<float>(checkOverflowAndMult(compressable, 100)) /
+                                  static_cast<float>(checkOverflowAndAdd(s.zramOrigKB, compressable)));
+  set(VORAK_INPUT("grandRatio"), freeByLoad / zramCapacity);
+  set(VORAK_INPUT("activeFile"), activeFile);
+  set(VORAK_INPUT("activeAnon"), activeAnon);
+  set(VORAK_INPUT("inactiveFile"), inactiveFile);
+  set(VORAK_INPUT("inactiveAnon"), inactiveAnon);
+  // Pages and KB mixed on purpose: the model was fitted on this ratio.
+  const int vmpUsed = checkOverflowAndAdd(killsafeANON, activeFile, activeAnon);
+  const int vmpAll =
+      checkOverflowAndAdd(freeKB, killsafeANON, activeFile, activeAnon, inactiveFile, inactiveAnon);
+  set(VORAK_INPUT("wholesome_vmp"),
+      checkOverflowAndMult(static_cast<float>(vmpUsed) / static_cast<float>(vmpAll), 100));
+  const float howMuchToKill = checkAndDiff(checkOverflowAndMult(mSafeload, aPlusL), freeAfter);
+  set(VORAK_INPUT("howMuchToKill"), howMuchToKill);
+
+  // Linear score. Every step saturates to 0; -1.0 is the failure value of
+  // the float operations, so a result of exactly -1.0 counts as 0 as well.
+  float sum = 0;
+  for (auto& [name, f] : mFeatures) {
+    if (f.min == f.max) continue;
+    f.normalised = checkAndDiff(f.value, f.min) / checkAndDiff(f.max, f.min);
+    const float term = checkOverflowAndMult(f.weight, f.normalised);
+    sum = checkOverflowAndAdd(sum, term);
+  }
+  sum = checkOverflowAndAdd(sum, mBias);
+  if (trace) KXLOGE("VorakAction", " Sum of weights = (%f)", sum);
+
+  // The score only chooses the report: a positive budget is acted on
+  // whatever the model says.
+  const float score = 1.0f / (1.0f + expf(-sum));
+  if (howMuchToKill <= 0 && score < 0.5f) {
+    if (trace) KXLOGE("VorakAction", "We need not kill here.");
+    return 0;
+  }
+  if (trace) KXLOGE("VorakAction", "(appName,memToGenerate) = (%s, %f)", appName.c_str(), howMuchToKill);
+  return howMuchToKill <= 0 ? 0 : howMuchToKill;
+}
+
+int VorakAction::getWeekdayTimeslot(std::string& slotKey) {
+  ClockFn clock = sClock.load();
+  const time_t now = clock != nullptr ? clock(nullptr) : time(nullptr);
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr) {
+    KXLOGE("VorakAction",
+           "Couldnt get current week_day and tim_slot info. Return empty string to not kill Fav Apps.");
+    return -1;
+  }
+  slotKey += (local.tm_wday >= 1 && local.tm_wday <= 5) ? "week_day_" : "week_end_";
+  const int hour = local.tm_hour;
+  if (hour >= 4 && hour <= 11) {
+    slotKey += "1";
+  } else if (hour >= 12 && hour <= 16) {
+    slotKey += "2";
+  } else if (hour >= 17 && hour <= 20) {
+    slotKey += "3";
+  } else {
+    slotKey += "4";
+  }
+  return 0;
+}
+
+bool VorakAction::moveFromBackground(int pid, CandidateList& to) {
+  for (auto it = mBackgroundList.begin(); it != mBackgroundList.end(); ++it) {
+    if (it->second == pid) {
+      to.emplace(it->first, pid);
+      mBackgroundList.erase(it);
+      return true;
+    }
+  }
+  return false;
+}
+
+void VorakAction::generateTaskList() {
+  mBackgroundList.clear();
+  mFavoriteList.clear();
+  mUserLaunchedList.clear();
+
+  // Killing a process frees about its file, anonymous-plus-swap and
+  // graphics memory together.
+  for (const PIDStats& p : StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj)) {
+    const long key = static_cast<long>(checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
+    mBackgroundList.emplace(key, p.pid);
+  }
+
+  // Favourites of the current slot go last among the background processes.
+  std::string slot;
+  if (getWeekdayTimeslot(slot) == 0 && mFavTimeSlotDb != nullptr) {
+    auto rows = readRows(mFavTimeSlotDb, slot);
+    std::vector<std::string> favorites;
+    if (rows.size() > 1) {
+      KXLOGE("VorakAction", "There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot.");
+    } else if (rows.size() == 1 && rows.front() != nullptr) {
+      std::istringstream apps(
+          fieldText(rows.front()->blob.favoriteApps, sizeof(rows.front()->blob.favoriteApps)));
+      for (std::string app; std::getline(apps, app, '/');) {
+        // An empty name (from "a//b") is no app: as a key it would select
+        // every row of the table.
+        if (!app.empty()) favorites.push_back(app);
+      }
+    }
+    release(mFavTimeSlotDb, rows);
+
+    for (const std::string& app : favorites) {
+      auto pidRows = readRows(mFavPidDb, app);
+      if (pidRows.empty()) {
+        KXLOGE("VorakAction", "The App (%s) entry is missing from FavPID DB", app.c_str());
+      } else if (pidRows.size() > 1) {
+        KXLOGE("VorakAction", "There is some problem with App = (%s) as it has > 1 entries in FavPID DB.",
+               app.c_str());
+      } else if (pidRows.front() != nullptr) {
+        moveFromBackground(pidRows.front()->blob.value, mFavoriteList);
+      }
+      release(mFavPidDb, pidRows);
+    }
+  }
+
+  // The user-launched list comes from the StartProc table: its pid is the
+  // app's own process, recorded when the launch completed, and it is not
+  // being rewritten for the very hint that triggers this rebuild, as the
+  // User table is (the worker updates it on the same preparation hint).
+  auto users = readRows(mStartProcDb, std::string());
+  for (const auto* row : users) {
+    if (row != nullptr) moveFromBackground(row->blob.value, mUserLaunchedList);
+  }
+  release(mStartProcDb, users);
+}
+
+void VorakAction::getAllServices() {
+  std::vector<int> pids;
+  DependentServices().getAllActiveServicePIDs(pids);
+  mProtectedPids.clear();
+  mProtectedPids.insert(pids.begin(), pids.end());
+}
+
+void VorakAction::updateAppServices(const std::string& appName) {
+  try {
+    mAppServicePids.clear();
+    mAppServiceNames.clear();
+
+    std::vector<hidl_string> names;
+    auto rows = readRows(mServiceOutDb, appName);
+    for (const auto* row : rows) {
+      if (row == nullptr) continue;
+      for (const auto& slot : row->blob.serviceNames) {
+        std::string name = fieldText(slot, sizeof(slot));
+        if (name.empty()) continue;
+        if (mAppServiceNames.insert(name).second) names.emplace_back(name);
+      }
+    }
+    release(mServiceOutDb, rows);
+
+    hidl_vec<int> pids;
+    DependentServices().getServicePIDs(hidl_vec<hidl_string>(names), pids);
+    const bool trace = traceOn();
+    for (size_t i = 0; i < pids.size(); ++i) {
+      // -1 stands for a service that is not running.
+      if (pids[i] <= 0) continue;
+      mAppServicePids.insert(pids[i]);
+      if (trace) {
+        KXLOGE("VorakAction", "AppName = %s, service Name = %s service PID = %d", appName.c_str(),
+               i < names.size() ? names[i].c_str() : "", pids[i]);
+      }
+    }
+    if (trace) {
+      KXLOGE("VorakAction", "inRAMServiceSet size for AppName = %s is %u", appName.c_str(),
+             static_cast<unsigned>(mAppServicePids.size()));
+    }
+  } catch (const std::exception& e) {
+    KXLOGE("VorakAction", "Exception caught: %s in %s", e.what(), __func__);
+  } catch (...) {
+    KXLOGE("VorakAction", "Exception caught in %s", __func__);
+  }
+}
+
+float VorakAction::getNonRAMServicesMemory(const std::string& appName) {
+  float sum = 0;
+  auto rows = readRows(mServiceOutDb, appName);
+  for (const auto* row : rows) {
+    if (row == nullptr) continue;
+    for (const auto& slot : row->blob.serviceNames) {
+      const std::string name = fieldText(slot, sizeof(slot));
+      if (name.empty() || mAppServiceNames.count(name) != 0) continue;
+      // A service's anonymous-plus-swap figure is what its process will take
+      // once started; its graphics memory is negligible.
+      auto learnt = readRows(mActionDb, name);
+      if (!learnt.empty() && learnt.front() != nullptr) {
+        sum = checkOverflowAndAdd(sum, static_cast<int64_t>(learnt.front()->blob.rssSwap));
+      }
+      release(mActionDb, learnt);
+    }
+  }
+  release(mServiceOutDb, rows);
+  return sum;
+}

@@ -1,0 +1,640 @@
+// The kill action: the budget decision on hand-computed statistics, the kill
+// loop on real child processes, the time-slot keys, and a launch end to end
+// through the host's hint hub.
+//
+// Every process a test kills or lets the action kill is a sleeper it forked
+// itself and offered through its own statistics source; each one is reaped.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "DependentServices.h"
+#include "FeatureInfo.h"
+#include "FsRoot.h"
+#include "MemPerfd.h"
+#include "Properties.h"
+#include "StatsProvider.h"
+#include "Vorak.pb.h"
+#include "VorakAction.h"
+#include "VorakFeature.h"
+#include "kxhost/LogCapture.h"
+#include "support/TempDir.h"
+
+namespace {
+
+class FakeStats : public kxhost::StatsSource {
+ public:
+  SysStats sysStats() override {
+    std::lock_guard<std::mutex> lock(mMutex);
+    ++mSysCalls;
+    return mSys;
+  }
+  PIDStats pidStats(int) override { return PIDStats{-1, 0, 0, 0, {}, 0}; }
+  std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
+    std::lock_guard<std::mutex> lock(mMutex);
+    std::vector<PIDStats> out;
+    for (const PIDStats& p : mProcs) {
+      if (p.oomScoreAdj >= minAdj && p.oomScoreAdj <= maxAdj) out.push_back(p);
+    }
+    return out;
+  }
+  void setSys(const SysStats& s) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mSys = s;
+  }
+  // A background process whose three memory figures add up to `memKB`.
+  void addProcess(int pid, uint64_t memKB) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mProcs.push_back(PIDStats{pid, memKB / 4, 900, memKB / 2, "sleeper", memKB - memKB / 4 - memKB / 2});
+  }
+  void removeProcess(int pid) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mProcs.erase(std::remove_if(mProcs.begin(), mProcs.end(), [pid](const PIDStats& p) { return p.pid == pid; }),
+                 mProcs.end());
+  }
+  int sysCalls() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mSysCalls;
+  }
+
+ private:
+  std::mutex mMutex;
+  SysStats mSys{};
+  std::vector<PIDStats> mProcs;
+  int mSysCalls = 0;
+};
+
+// A 4GB-class device in the middle of its day, only the normal zone in use.
+// Derived: FreeKB 200000, anon 1200000, file 1100000, page cache 1050000,
+// CachedKB 1020000, accounted 2880000, other 1020000, load 2505000, mload
+// 1350000, nmload 1155000, available 1355000, a_plus_l 3860000.
+SysStats ordinaryStats() {
+  return SysStats{210000, 3900000, 20000, 25000, 150000, 450000, 1000000, 5000, 40000, 70000, 60000, 8000,
+                  120000, 10000,   50000, 99999, 30000,
+                  0,      0,       0,     0,     0,  // dma
+                  200000, 800000,  400000, 600000, 500000,  // normal
+                  0,      0,       0,     0,     0,       // movable
+                  0,      0,       0,     0,     0};      // highMem
+}
+
+struct ModelFeature {
+  std::string name;
+  float min, max, weight;
+};
+
+void writeModel(const kxtest::TempDir& dir, float bias, float safeload, const std::vector<ModelFeature>& features) {
+  VorakModel m;
+  m.set_bias(bias);
+  m.set_safeload(safeload);
+  for (const ModelFeature& f : features) {
+    VorakModel::Feature& e = (*m.mutable_features())[f.name];
+    e.set_min(f.min);
+    e.set_max(f.max);
+    e.set_weight(f.weight);
+  }
+  std::string bytes;
+  ASSERT_TRUE(m.SerializeToString(&bytes));
+  dir.write("vendor/etc/kx/vorak/vorak_4GB.data", bytes);
+}
+
+// Sleepers forked by the test. endSignal() reaps one and tells what ended it:
+// SIGKILL means the action killed it, SIGTERM that it was still running
+// when the test ended it.
+class Children {
+ public:
+  ~Children() {
+    for (auto& [pid, sig] : mEnded) {
+      if (sig == 0) endSignal(pid);
+    }
+  }
+  pid_t spawn() {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      for (;;) pause();
+    }
+    if (pid > 0) mEnded[pid] = 0;
+    return pid;
+  }
+  int endSignal(pid_t pid) {
+    auto it = mEnded.find(pid);
+    if (it == mEnded.end()) return -1;
+    if (it->second == 0) {
+      kill(pid, SIGTERM);
+      int status = 0;
+      if (waitpid(pid, &status, 0) != pid) return -1;
+      it->second = WIFSIGNALED(status) ? WTERMSIG(status) : 1000 + WEXITSTATUS(status);
+    }
+    return it->second;
+  }
+  bool killedByAction(pid_t pid) { return endSignal(pid) == SIGKILL; }
+
+ private:
+  std::map<pid_t, int> mEnded;
+};
+
+// Pause hook: records how many kills were reported when the pause came.
+kxhost::LogCapture* gCapture = nullptr;
+std::vector<size_t> gKillsAtPause;
+int recordPause(useconds_t) {
+  gKillsAtPause.push_back(gCapture != nullptr ? gCapture->count("Killed") : 0);
+  return 0;
+}
+
+time_t gNow = 0;
+time_t fixedClock(time_t* out) {
+  if (out != nullptr) *out = gNow;
+  return gNow;
+}
+
+// Kill report lines for one pid, of any phase.
+size_t killLines(const kxhost::LogCapture& log, pid_t pid) {
+  return log.count("PID = " + std::to_string(pid) + ", to Free Memory");
+}
+
+// Kill report lines in the order they were written, as "<phase>:<pid>:<KB>".
+std::vector<std::string> killOrder(const kxhost::LogCapture& log) {
+  std::vector<std::string> out;
+  for (const kxhost::LogLine& l : log.lines()) {
+    int pid = 0;
+    long kb = 0;
+    char phase[8] = {};
+    const char* at = std::strstr(l.msg.c_str(), "Killed ");
+    if (at == nullptr) continue;
+    if (std::sscanf(at, "Killed PID = %d, to Free Memory = %ld KB", &pid, &kb) == 2) {
+      out.push_back("bg:" + std::to_string(pid) + ":" + std::to_string(kb));
+    } else if (std::sscanf(at, "Killed %7s PID = %d, to Free Memory = %ld KB", phase, &pid, &kb) == 3) {
+      out.push_back(std::string(phase) + ":" + std::to_string(pid) + ":" + std::to_string(kb));
+    }
+  }
+  return out;
+}
+
+std::string entry(const char* phase, pid_t pid, long kb) {
+  return std::string(phase) + ":" + std::to_string(pid) + ":" + std::to_string(kb);
+}
+
+class VorakActionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    kxhost::setFsRoot(mDir.path());
+    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
+    kxhost::clearProperties();
+    kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
+    kxhost::setProperty("vendor.debug.trace.VORAK", "1");
+    kxhost::ServiceRegistry::instance().clear();
+    mStats = std::make_shared<FakeStats>();
+    mStats->setSys(ordinaryStats());
+    kxhost::setStatsSource(mStats);
+    writeModel(mDir, -0.5f, 0.25f, {{"FreeKB", 0, 1000000, -2}, {"howMuchToKill", 0, 1000000, 4}});
+    gCapture = &mLog;
+    gKillsAtPause.clear();
+    VorakAction::setPause(recordPause);
+    // Saturday 2024-01-06 10:00 UTC: slot "week_end_1".
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    gNow = 1704535200;
+    VorakAction::setClock(fixedClock);
+
+    FeatureInfo info;
+    info.name = "Vorak";
+    mFeature = std::make_unique<VorakFeature>(info);
+    ASSERT_FALSE(mFeature->isDisabled());
+    for (auto* db : {&mUser, &mFavPid, &mStartProc}) ASSERT_EQ(db->KxDatabaseInit(), KXDB_SUCCESS);
+    ASSERT_EQ(mFavSlot.KxDatabaseInit(), KXDB_SUCCESS);
+    ASSERT_EQ(mServiceOut.KxDatabaseInit(), KXDB_SUCCESS);
+  }
+
+  void TearDown() override {
+    mAction.reset();
+    mFeature.reset();
+    VorakAction::setPause(nullptr);
+    VorakAction::setClock(nullptr);
+    gCapture = nullptr;
+    kxhost::setStatsSource(nullptr);
+    kxhost::ServiceRegistry::instance().clear();
+    kxhost::clearProperties();
+    kxhost::setFsRoot("");
+    unsetenv("TZ");
+    tzset();
+  }
+
+  VorakAction& action(float safeload = 0.25f) {
+    mAction = std::make_unique<VorakAction>(*mFeature, safeload, &mUser, &mFavPid, &mFavSlot, &mServiceOut,
+                                            &mStartProc);
+    return *mAction;
+  }
+
+  // Stores one row named `name` whose zeroed blob `fill` completes.
+  template <typename T, typename Fill>
+  static void put(KxDatabase<T>* db, const std::string& name, Fill fill) {
+    ASSERT_NE(db, nullptr);
+    auto rows = db->allocateDR(1);
+    ASSERT_EQ(rows.size(), 1u);
+    rows[0]->appName = name;
+    std::memset(&rows[0]->blob, 0, sizeof(T));
+    fill(rows[0]->blob);
+    db->writeDeallocateDR(rows);
+  }
+  static void learn(VorakAction& a, const std::string& name, int64_t rssSwap, int64_t ionKgsl) {
+    put(a.getActionOutputDb(), name, [&](auto& b) { b.rssSwap = rssSwap, b.ionKgsl = ionKgsl; });
+  }
+  static void putPid(KxDatabase<_vorak_User_Launched_Data>& db, const std::string& app, int pid) {
+    put(&db, app, [&](auto& b) { b.value = pid; });
+  }
+  void putSlot(const std::string& slot, const std::string& apps) {
+    put(&mFavSlot, slot, [&](auto& b) { apps.copy(b.favoriteApps, sizeof(b.favoriteApps) - 1); });
+  }
+  void putServices(const std::string& app, const std::vector<std::string>& services) {
+    put(&mServiceOut, app, [&](auto& b) {
+      for (size_t i = 0; i < services.size(); ++i) services[i].copy(b.serviceNames[i], sizeof(b.serviceNames[i]) - 1);
+    });
+  }
+
+  // A sleeper offered as a background process of `memKB`.
+  pid_t background(long memKB) {
+    const pid_t pid = mChildren.spawn();
+    EXPECT_GT(pid, 0);
+    mStats->addProcess(pid, memKB);
+    return pid;
+  }
+
+  static AsyncTriggerPayload hint(int id, int type = 0, const std::string& app = "") {
+    AsyncTriggerPayload p;
+    p.hintID = id;
+    p.hintType = type;
+    p.appName = app;
+    return p;
+  }
+
+  // Reaps the child and stops offering its pid, which is free for reuse from
+  // then on: true when the action had killed it.
+  bool killed(pid_t pid) {
+    const bool byAction = mChildren.killedByAction(pid);
+    mStats->removeProcess(pid);
+    return byAction;
+  }
+
+  float feature(const VorakAction& a, const char* name) { return a.modelFeatures().at(name).value; }
+
+  kxtest::TempDir mDir;
+  kxhost::LogCapture mLog;
+  std::shared_ptr<FakeStats> mStats;
+  Children mChildren;
+  std::unique_ptr<VorakFeature> mFeature;
+  KxDatabase<_vorak_User_Launched_Data> mUser{100, "", "Vorak"};
+  KxDatabase<_vorak_User_Launched_Data> mFavPid{100, "", "Vorak"};
+  KxDatabase<_vorak_User_Launched_Data> mStartProc{100, "", "Vorak"};
+  KxDatabase<_vorak_Favorite_Time_Slot_Data> mFavSlot{100, "", "Vorak"};
+  KxDatabase<_vorak_App_Service_Out> mServiceOut{100, "", "Vorak"};
+  std::unique_ptr<VorakAction> mAction;
+};
+
+// ---------------------------------------------------------------- decideKill
+
+struct DecideCase {
+  const char* what;
+  SysStats stats;
+  int64_t rssSwap, ionKgsl;
+  float safeload;
+  float howMuchToKill;  // the model input
+  float result;         // what decideKill returns
+  const char* verdict;  // its last log line
+};
+
+TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
+  SysStats overflowing = ordinaryStats();
+  // 1000 + 2147483000 leaves the 32-bit range: FreeKB saturates to 0, so
+  // other grows by 200000 and available shrinks by it.
+  overflowing.dmaFreeKB = 1000;
+  overflowing.normalFreeKB = 2147483000;
+
+  const DecideCase cases[] = {
+      // available 1355000, newLoad 400000, freeAfter 955000;
+      // 0.375 * 3860000 - 955000.
+      {"ordinary", ordinaryStats(), 300000, 100000, 0.375f, 492500, 492500,
+       "(appName,memToGenerate) = (app0, 492500.000000)"},
+      // needs 1700000 > available: freeAfter -345000, 1447500 + 345000.
+      {"needs exceed available", ordinaryStats(), 1500000, 200000, 0.375f, 1792500, 1792500,
+       "(appName,memToGenerate) = (app1, 1792500.000000)"},
+      // 0.125 * 3860000 - 955000 < 0 and the score says no.
+      {"nothing to free", ordinaryStats(), 300000, 100000, 0.125f, -472500, 0, "We need not kill here."},
+      // available 1155000; the learnt figure keeps only its low 32 bits.
+      {"overflowing fields", overflowing, (int64_t{1} << 32) + 300000, 100000, 0.375f, 692500, 692500,
+       "(appName,memToGenerate) = (app3, 692500.000000)"},
+      // A learnt -1 (never measured) is the failure marker: newLoad 0.
+      {"learnt marker", ordinaryStats(), 300000, -1, 0.375f, 92500, 92500,
+       "(appName,memToGenerate) = (app4, 92500.000000)"},
+      // 1e6 * 3860000 is beyond the range: the product is 0.
+      {"product out of range", ordinaryStats(), 300000, 100000, 1.0e6f, -955000, 0, "We need not kill here."},
+  };
+  int i = 0;
+  for (const DecideCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string app = "app" + std::to_string(i++);
+    mStats->setSys(c.stats);
+    VorakAction& a = action(c.safeload);
+    learn(a, app, c.rssSwap, c.ionKgsl);
+    mLog.clear();
+    EXPECT_FLOAT_EQ(a.decideKill(app), c.result);
+    EXPECT_FLOAT_EQ(feature(a, "howMuchToKill"), c.howMuchToKill);
+    EXPECT_EQ(mLog.count(c.verdict), 1u);
+    EXPECT_EQ(mLog.count(" Sum of weights = ("), 1u);
+  }
+}
+
+TEST_F(VorakActionTest, DecideKillDerivesTheModelInputs) {
+  VorakAction& a = action(0.375f);
+  learn(a, "com.a", 300000, 100000);
+  a.decideKill("com.a");
+  const std::map<std::string, float> expected = {
+      {"FreeKB", 200000},        {"CachedKB", 1020000},      {"SlabKB", 130000},
+      {"TotalAnonPages", 300000}, {"nrFreeCMAPages", 2000},  {"normal_nr_active_file", 150000},
+      {"available", 1355000},    {"load", 2505000},          {"a_plus_l", 3860000},
+      {"nmload", 1155000},       {"mload", 1350000},         {"newLoad", 400000},
+      {"killsafeANON", 300000},  {"killsafeUNRECLAIM", 100000},
+      {"freeByTotal", 955000.0f / 3860000.0f},
+      {"freeByLoad", 955000.0f / 2905000.0f},
+      {"zramCapacity", 1.55f},   {"compressable", 1320000},
+      {"zramEff", 132000000.0f / 1770000.0f},
+      {"grandRatio", (955000.0f / 2905000.0f) / 1.55f},
+      {"activeFile", 150000},    {"activeAnon", 200000},     {"inactiveFile", 125000},
+      {"inactiveAnon", 100000},
+      // 100 * (300000 + 150000 + 200000) / (200000 + 300000 + 150000 + 200000 + 125000 + 100000)
+      {"wholesome_vmp", 100.0f * 650000.0f / 1075000.0f},
+  };
+  for (const auto& [name, value] : expected) EXPECT_FLOAT_EQ(feature(a, name.c_str()), value) << name;
+  // -2 * 0.2 + 4 * 0.4925 - 0.5
+  EXPECT_TRUE(mLog.contains(" Sum of weights = (1.070000)"));
+}
+
+TEST_F(VorakActionTest, ScoreTakesMinusOneAsAFailedStep) {
+  const struct {
+    const char* what;
+    float bias;
+    std::vector<ModelFeature> features;
+    const char* sum;
+  } cases[] = {
+      // -5 * 0.2 is exactly -1.0: the term counts as 0.
+      {"term", 0.25f, {{"FreeKB", 0, 1000000, -5}}, " Sum of weights = (0.250000)"},
+      {"bias", -1.0f, {}, " Sum of weights = (0.000000)"},
+      {"plain", -1.5f, {{"FreeKB", 0, 1000000, -4}}, " Sum of weights = (-2.300000)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    writeModel(mDir, c.bias, 0.25f, c.features);
+    VorakAction& a = action(0.375f);
+    learn(a, c.what, 300000, 100000);
+    mLog.clear();
+    EXPECT_FLOAT_EQ(a.decideKill(c.what), 492500);
+    EXPECT_TRUE(mLog.contains(c.sum));
+  }
+}
+
+TEST_F(VorakActionTest, ModelWithoutKnownInputsScoresTheBiasAlone) {
+  writeModel(mDir, -3.0f, 0.25f, {});
+  VorakAction& a = action(0.375f);
+  learn(a, "com.a", 300000, 100000);
+  // The score is far below 0.5, yet a positive budget stands.
+  EXPECT_FLOAT_EQ(a.decideKill("com.a"), 492500);
+  EXPECT_TRUE(mLog.contains(" Sum of weights = (-3.000000)"));
+  EXPECT_TRUE(mLog.contains("(appName,memToGenerate) = (com.a, 492500.000000)"));
+  for (const auto& [name, f] : a.modelFeatures()) {
+    EXPECT_EQ(f.min, 0) << name;
+    EXPECT_EQ(f.max, 0) << name;
+  }
+
+  // Nor does a score above 0.5 turn a negative budget into a kill.
+  writeModel(mDir, 3.0f, 0.25f, {});
+  VorakAction& b = action(0.125f);
+  learn(b, "com.b", 300000, 100000);
+  EXPECT_EQ(b.decideKill("com.b"), 0);
+  EXPECT_TRUE(mLog.contains("(appName,memToGenerate) = (com.b, -472500.000000)"));
+  EXPECT_FALSE(mLog.contains("We need not kill here."));
+}
+
+TEST_F(VorakActionTest, DecideKillWithoutLearntRowReadsNoStatistics) {
+  VorakAction& a = action();
+  const int before = mStats->sysCalls();
+  EXPECT_EQ(a.decideKill("com.unknown"), 0);
+  EXPECT_EQ(mStats->sysCalls(), before);
+  EXPECT_TRUE(mLog.contains("No entry in O/P DB for App = (com.unknown)"));
+}
+
+// --------------------------------------------------------------------- vorak
+
+TEST_F(VorakActionTest, VorakTakesTheSmallestSufficientElseTheLargest) {
+  const pid_t small = background(10000), fit = background(40000), big = background(90000);
+  VorakAction& a = action();
+  a.generateTaskList();
+  EXPECT_FLOAT_EQ(a.vorak(30000), 40000);
+  EXPECT_EQ(killOrder(mLog), std::vector<std::string>{entry("bg", fit, 40000)});
+  EXPECT_TRUE(killed(fit));
+  EXPECT_FALSE(killed(small));
+  EXPECT_FALSE(killed(big));
+
+  // None covers 30000: the largest first, then what is left.
+  const pid_t five = background(5000), eight = background(8000);
+  a.generateTaskList();
+  mLog.clear();
+  EXPECT_FLOAT_EQ(a.vorak(30000), 13000);
+  EXPECT_EQ(killOrder(mLog), (std::vector<std::string>{entry("bg", eight, 8000), entry("bg", five, 5000)}));
+  EXPECT_TRUE(killed(eight));
+  EXPECT_TRUE(killed(five));
+}
+
+TEST_F(VorakActionTest, VorakSparesActiveServicesAndSkipsExitedProcesses) {
+  const pid_t service = background(40000);
+  const pid_t gone = background(50000);
+  const pid_t victim = background(60000);
+  kxhost::ServiceRegistry::instance().setServicePid("vendor.svc", service);
+  // The test ends `gone` itself before the action gets to it, and keeps
+  // offering it.
+  ASSERT_FALSE(mChildren.killedByAction(gone));
+
+  VorakAction& a = action();
+  a.generateTaskList();
+  a.getAllServices();
+  EXPECT_EQ(a.protectedPids().count(service), 1u);
+  EXPECT_FLOAT_EQ(a.vorak(30000), 60000);
+  EXPECT_EQ(killOrder(mLog), std::vector<std::string>{entry("bg", victim, 60000)});
+  EXPECT_EQ(mLog.count("Couldnt kill"), 0u);
+  EXPECT_FALSE(killed(service));
+  EXPECT_TRUE(killed(victim));
+  EXPECT_TRUE(a.backgroundList().empty());
+}
+
+TEST_F(VorakActionTest, VorakPausesBeforeEveryFifthKill) {
+  std::vector<pid_t> pids;
+  for (int i = 0; i < 6; ++i) pids.push_back(background(10000));
+  VorakAction& a = action();
+  a.generateTaskList();
+  EXPECT_FLOAT_EQ(a.vorak(50000), 50000);
+  EXPECT_EQ(killOrder(mLog).size(), 5u);
+  EXPECT_EQ(gKillsAtPause, std::vector<size_t>{4});
+  int victims = 0;
+  for (pid_t pid : pids) victims += killed(pid) ? 1 : 0;
+  EXPECT_EQ(victims, 5);
+}
+
+TEST_F(VorakActionTest, VorakActsOnlyInsideTheBudgetWindow) {
+  const pid_t pid = background(700000);
+  VorakAction& a = action();
+  a.generateTaskList();
+  EXPECT_EQ(a.vorak(20480), 0);
+  EXPECT_EQ(a.vorak(614401), 0);
+  EXPECT_EQ(a.vorak(-30000), 0);
+  EXPECT_EQ(killLines(mLog, pid), 0u);
+  EXPECT_EQ(a.backgroundList().size(), 1u);
+  EXPECT_FLOAT_EQ(a.vorak(20481), 700000);
+  EXPECT_TRUE(killed(pid));
+
+  const pid_t edge = background(1000);
+  a.generateTaskList();
+  EXPECT_FLOAT_EQ(a.vorak(614400), 1000);
+  EXPECT_TRUE(killed(edge));
+}
+
+TEST_F(VorakActionTest, FavouritesAndUserLaunchedAppsGoAfterTheBackground) {
+  const pid_t bg = background(10000), fav = background(40000), user = background(90000);
+  const pid_t favMissing = background(20000);
+  putSlot("week_end_1", "com.fav/com.nopid/");
+  putPid(mFavPid, "com.fav", fav);
+  putPid(mStartProc, "com.user", user);
+
+  VorakAction& a = action();
+  a.generateTaskList();
+  EXPECT_EQ(a.favoriteList().size(), 1u);
+  EXPECT_EQ(a.userLaunchedList().size(), 1u);
+  EXPECT_EQ(mLog.count("The App (com.nopid) entry is missing from FavPID DB"), 1u);
+
+  // 10000 + 20000 from the background, then the favourite, then the user's app.
+  EXPECT_FLOAT_EQ(a.vorak(150000), 160000);
+  EXPECT_EQ(killOrder(mLog), (std::vector<std::string>{entry("bg", favMissing, 20000), entry("bg", bg, 10000),
+                                                        entry("Fav", fav, 40000), entry("User", user, 90000)}));
+  for (pid_t pid : {bg, fav, user, favMissing}) EXPECT_TRUE(killed(pid));
+}
+
+TEST_F(VorakActionTest, DuplicateSlotRowsMeanNoFavourites) {
+  const pid_t fav = background(40000);
+  putSlot("week_end_1", "com.fav");
+  putSlot("week_end_1", "com.fav");
+  putPid(mFavPid, "com.fav", fav);
+  VorakAction& a = action();
+  a.generateTaskList();
+  EXPECT_TRUE(mLog.contains("There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot."));
+  EXPECT_TRUE(a.favoriteList().empty());
+  EXPECT_EQ(a.backgroundList().size(), 1u);
+}
+
+TEST_F(VorakActionTest, TimeSlotKeysTurnAtTheirHours) {
+  VorakAction& a = action();
+  const struct {
+    time_t at;
+    const char* key;
+  } cases[] = {
+      {1704542340, "week_end_1"},  // Saturday 11:59
+      {1704542400, "week_end_2"},  // Saturday 12:00
+      {1704686340, "week_day_4"},  // Monday 03:59
+      {1704686400, "week_day_1"},  // Monday 04:00
+      {1704646800, "week_end_3"},  // Sunday 17:00
+      {1704488400, "week_day_4"},  // Friday 21:00
+  };
+  for (const auto& c : cases) {
+    gNow = c.at;
+    std::string key = "slot=";
+    ASSERT_EQ(a.getWeekdayTimeslot(key), 0);
+    EXPECT_EQ(key, std::string("slot=") + c.key) << c.at;
+  }
+}
+
+// ---------------------------------------------------------------- applyAction
+
+TEST_F(VorakActionTest, OneKillPassBetweenPreparationHints) {
+  // newLoad 420000: 0.25 * 3860000 - (1355000 - 420000) = 30000.
+  const pid_t first = background(40000), second = background(45000), third = background(50000);
+  VorakAction& a = action();
+  learn(a, "com.launch", 320000, 100000);
+
+  a.applyAction(hint(4162));
+  a.applyAction(hint(4225, 2, "com.launch"));
+  EXPECT_EQ(killOrder(mLog), std::vector<std::string>{entry("bg", first, 40000)});
+  EXPECT_TRUE(mLog.contains(
+      "(appName,hintID,memoryToGenerate,memoryGenerated, surplusMemory) = (com.launch ,4225, 30000.000000, "
+      "40000.000000, 10000.000000)"));
+  EXPECT_FLOAT_EQ(a.surplus(), 10000);
+
+  // Launch hints of other types, other hints, and a second launch: nothing.
+  mLog.clear();
+  a.applyAction(hint(4225, 101, "com.launch"));
+  a.applyAction(hint(4243, 2, "com.launch"));
+  a.applyAction(hint(4225, 2, "com.launch"));
+  EXPECT_TRUE(killOrder(mLog).empty());
+  EXPECT_EQ(mLog.count("(appName,hintID"), 0u);
+
+  // The next preparation hint re-arms it.
+  EXPECT_TRUE(killed(first));
+  a.applyAction(hint(4162));
+  a.applyAction(hint(4225, 2, "com.launch"));
+  EXPECT_EQ(killOrder(mLog), std::vector<std::string>{entry("bg", second, 45000)});
+  EXPECT_TRUE(killed(second));
+  EXPECT_FALSE(killed(third));
+}
+
+TEST_F(VorakActionTest, RunningServicesOfTheAppAreCollected) {
+  const pid_t svc = background(40000);
+  kxhost::ServiceRegistry::instance().setServicePid("vendor.cam", svc);
+  putServices("com.cam", {"vendor.cam", "vendor.dead"});
+  VorakAction& a = action();
+  a.updateAppServices("com.cam");
+  EXPECT_EQ(a.appServicePids(), std::unordered_set<int>{svc});
+  EXPECT_TRUE(mLog.contains("AppName = com.cam, service Name = vendor.cam service PID = " + std::to_string(svc)));
+  EXPECT_TRUE(mLog.contains("inRAMServiceSet size for AppName = com.cam is 1"));
+  // Every listed service is accounted for by name.
+  EXPECT_EQ(a.getNonRAMServicesMemory("com.cam"), 0);
+}
+
+// ----------------------------------------------------------------- end to end
+
+TEST_F(VorakActionTest, LaunchThroughTheHintHubKillsInOrder) {
+  auto* own = dynamic_cast<VorakAction*>(mFeature->getAction());
+  ASSERT_NE(own, nullptr);
+  // The model's safeload is 0.25; newLoad 490000 gives a budget of 100000.
+  learn(*own, "com.e2e", 390000, 100000);
+  const pid_t tiny = background(10000), mid = background(40000), large = background(90000);
+  const pid_t wide = background(60000), service = background(200000);
+  kxhost::ServiceRegistry::instance().setServicePid("vendor.media", service);
+
+  MemPerfd* hub = MemPerfd::getInstance();
+  hub->sendHint(hint(4162));
+  AsyncTriggerPayload launch = hint(4225, 2, "com.e2e");
+  mFeature->runAsync(launch);
+  hub->sendHint(launch);
+  hub->drain();
+
+  // The service would cover it alone but is spared; then the largest, then
+  // the exact rest.
+  EXPECT_EQ(killOrder(mLog), (std::vector<std::string>{entry("bg", large, 90000), entry("bg", tiny, 10000)}));
+  EXPECT_TRUE(mLog.contains(
+      "(appName,hintID,memoryToGenerate,memoryGenerated, surplusMemory) = (com.e2e ,4225, 100000.000000, "
+      "100000.000000, 0.000000)"));
+  EXPECT_TRUE(killed(large));
+  EXPECT_TRUE(killed(tiny));
+  for (pid_t pid : {mid, wide, service}) EXPECT_FALSE(killed(pid));
+}
+
+}  // namespace

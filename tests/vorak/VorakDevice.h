@@ -1,0 +1,134 @@
+// A device for one VorakFeature test: a private file-system root with the
+// database directory, an injected MemTotal, the enable property set, and
+// access to the feature's tables and trigger queue.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "FsRoot.h"
+#include "Properties.h"
+#include "StatsProvider.h"
+#include "Vorak.pb.h"
+#include "VorakFeature.h"
+#include "support/TempDir.h"
+
+class VorakFeatureTestPeer {
+ public:
+  static VorakFeature::UserDb* userDb(VorakFeature& f) { return f.mUserDb; }
+  static VorakFeature::UserDb* startProcDb(VorakFeature& f) { return f.mStartProcDb; }
+  static VorakFeature::UserDb* favPidDb(VorakFeature& f) { return f.mFavPidDb; }
+  static KxDatabase<_vorak_Meter_Data>* meterDb(VorakFeature& f) { return f.mVorakDb; }
+  static KxDatabase<_vorak_Favorite_Time_Slot_Data>* favTimeSlotDb(VorakFeature& f) { return f.mFavTimeSlotDb; }
+  static KxDatabase<_vorak_App_Service_In>* serviceInDb(VorakFeature& f) { return f.mServiceInDb; }
+  static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
+  // Waits until the worker has dealt with everything queued so far.
+  static void drain(VorakFeature& f) { f.mTriggerQ.waitIdle(); }
+  // The feature owns `meter` from then on.
+  static void setMetaMeter(VorakFeature& f, MetaMeter* meter) {
+    delete f.mMetaMeter;
+    f.mMetaMeter = meter;
+  }
+};
+
+namespace vorakdev {
+
+constexpr uint64_t k4GB = 4194304;
+
+class FixedStats : public kxhost::StatsSource {
+ public:
+  explicit FixedStats(uint64_t totalKB) : mTotalKB(totalKB) {}
+  SysStats sysStats() override {
+    SysStats s{};
+    s.totalKB = mTotalKB;
+    return s;
+  }
+  PIDStats pidStats(int pid) override {
+    PIDStats s{};
+    s.pid = pid;
+    return s;
+  }
+  std::vector<PIDStats> pidStatsRange(int, int) override { return {}; }
+
+ private:
+  const uint64_t mTotalKB;
+};
+
+// An encoded model; `withWeight` false leaves its one entry incomplete.
+inline std::string modelBytes(bool withWeight = true) {
+  VorakModel model;
+  model.set_bias(-0.5f);
+  model.set_safeload(0.3f);
+  VorakModel::Feature& entry = (*model.mutable_features())["FreeKB"];
+  entry.set_min(0);
+  entry.set_max(1048576);
+  if (withWeight) entry.set_weight(-1);
+  return model.SerializePartialAsString();
+}
+
+inline std::string modelPath(const std::string& memClass) { return "vendor/etc/kx/vorak/vorak_" + memClass + ".data"; }
+
+class Device {
+ public:
+  explicit Device(uint64_t memTotalKB = k4GB) {
+    kxhost::setFsRoot(mDir.path());
+    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
+    kxhost::clearProperties();
+    kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
+    setMemTotal(memTotalKB);
+    for (const char* memClass : {"2GB", "4GB", "6GB"}) writeModel(memClass, modelBytes());
+  }
+  ~Device() {
+    kxhost::setStatsSource(nullptr);
+    kxhost::clearProperties();
+    kxhost::setFsRoot("");
+  }
+
+  void setMemTotal(uint64_t kb) { kxhost::setStatsSource(std::make_shared<FixedStats>(kb)); }
+  void writeModel(const std::string& memClass, const std::string& bytes) { mDir.write(modelPath(memClass), bytes); }
+  void removeModels() { std::filesystem::remove_all(mDir.sub("vendor")); }
+  const kxtest::TempDir& dir() const { return mDir; }
+
+  std::unique_ptr<VorakFeature> create(const FeatureInfo& info = defaultInfo()) {
+    return std::make_unique<VorakFeature>(info);
+  }
+  static FeatureInfo defaultInfo() {
+    FeatureInfo info;
+    info.name = "Vorak";
+    return info;
+  }
+
+ private:
+  kxtest::TempDir mDir;
+};
+
+// Rows of one app in a user-launched table, as (value) list.
+inline std::vector<int> values(VorakFeature::UserDb* db, const std::string& app) {
+  KxDBDataRowKey key(app, 0);
+  auto rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  std::vector<int> out;
+  for (auto* row : rows) out.push_back(row->blob.value);
+  db->deallocateDR(rows);
+  return out;
+}
+
+inline void addRow(VorakFeature::UserDb* db, const std::string& app, int value) {
+  auto rows = db->allocateDR(1);
+  rows[0]->appName = app;
+  rows[0]->blob.value = value;
+  db->writeDeallocateDR(rows);
+}
+
+inline AsyncTriggerPayload trigger(int id, int type, const std::string& app, int pid = 0) {
+  AsyncTriggerPayload p;
+  p.hintID = id;
+  p.hintType = type;
+  p.appName = app;
+  p.pid = pid;
+  return p;
+}
+
+}  // namespace vorakdev

@@ -1,0 +1,177 @@
+// Start-up gates of the feature: enable property, memory range, model file
+// of the memory class, database set; and what a started feature owns.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "VorakAction.h"
+#include "VorakAlgo.h"
+#include "VorakMetaMeter.h"
+#include "VorakDevice.h"
+#include "kxhost/LogCapture.h"
+
+namespace {
+
+using vorakdev::Device;
+using Peer = VorakFeatureTestPeer;
+
+constexpr int kWarn = ANDROID_LOG_WARN;
+constexpr int kError = ANDROID_LOG_ERROR;
+
+size_t featureLines(const kxhost::LogCapture& log) {
+  size_t n = 0;
+  for (const auto& line : log.lines()) n += line.tag == "ANDR-PERF-KX";
+  return n;
+}
+
+TEST(VorakFeatureGates, EnablePropertyOtherThanTrueDisablesSilently) {
+  for (const char* value : {"false", "1", "TRUE", "true "}) {
+    Device device;
+    kxhost::setProperty("ro.vendor.perf.enable.vorak", value);
+    kxhost::LogCapture log;
+    auto feature = device.create();
+    EXPECT_TRUE(feature->isDisabled()) << value;
+    EXPECT_EQ(featureLines(log), 0u) << value;
+  }
+  Device device;  // unset reads as "true"
+  kxhost::clearProperty("ro.vendor.perf.enable.vorak");
+  EXPECT_FALSE(device.create()->isDisabled());
+}
+
+TEST(VorakFeatureGates, MemTotalOutsideOneToEightGiBIsRefusedWithWarning) {
+  for (uint64_t kb : {uint64_t{0}, uint64_t{1048575}, uint64_t{8388609}}) {
+    Device device(kb);
+    kxhost::LogCapture log;
+    EXPECT_TRUE(device.create()->isDisabled());
+    const std::string text = "Device's MemTotal = " + std::to_string(kb) +
+                             ", is not supporting the Feature. Disabling the Vorak Feature.";
+    EXPECT_EQ(log.count("VorakFeature: VorakFeature() ", kWarn), 1u) << kb;
+    EXPECT_TRUE(log.contains(text, kWarn)) << kb;
+    EXPECT_FALSE(log.contains("Fatal")) << kb;
+  }
+}
+
+// Only the model of the expected class exists: the feature starts only if it
+// picked that file.
+TEST(VorakFeatureGates, MemTotalChoosesTheModelOfItsClass) {
+  const std::pair<uint64_t, const char*> cases[] = {{1048577, "2GB"}, {2097152, "2GB"}, {2097153, "4GB"},
+                                                    {4194304, "4GB"}, {4194305, "6GB"}, {8388608, "6GB"}};
+  for (const auto& [kb, memClass] : cases) {
+    Device device(kb);
+    device.removeModels();
+    device.writeModel(memClass, vorakdev::modelBytes());
+    kxhost::LogCapture log;
+    auto feature = device.create();
+    EXPECT_FALSE(feature->isDisabled()) << kb;
+    EXPECT_FALSE(log.contains("Fatal")) << kb;
+  }
+}
+
+TEST(VorakFeatureGates, ExactlyOneGiBHasNoModelFileName) {
+  Device device(1048576);
+  kxhost::LogCapture log;
+  EXPECT_TRUE(device.create()->isDisabled());
+  EXPECT_TRUE(log.contains("Fatal! : Failed to open file . Disabling the Vorak Feature. Err = ", kError));
+}
+
+TEST(VorakFeatureGates, MissingModelFailsToOpen) {
+  Device device;
+  device.removeModels();
+  kxhost::LogCapture log;
+  EXPECT_TRUE(device.create()->isDisabled());
+  EXPECT_TRUE(log.contains("Fatal! : Failed to open file /vendor/etc/kx/vorak/vorak_4GB.data. Disabling the Vorak "
+                           "Feature. Err = No such file or directory",
+                           kError));
+}
+
+TEST(VorakFeatureGates, UnparsableModelIsRefused) {
+  std::string valid = vorakdev::modelBytes();
+  std::string random(64, '\0');
+  std::mt19937 gen(7);
+  for (char& c : random) c = static_cast<char>(gen());
+  const std::pair<const char*, std::string> cases[] = {{"empty", ""},
+                                                       {"truncated", valid.substr(0, valid.size() - 1)},
+                                                       {"no weight", vorakdev::modelBytes(false)},
+                                                       {"random", random}};
+  for (const auto& [what, bytes] : cases) {
+    Device device;
+    device.writeModel("4GB", bytes);
+    kxhost::LogCapture log;
+    auto feature = device.create();
+    EXPECT_TRUE(feature->isDisabled()) << what;
+    EXPECT_TRUE(log.contains("Fatal! Failed to parse model from file: /vendor/etc/kx/vorak/vorak_4GB.data. "
+                             "Disabling the Vorak Feature. Err = ",
+                             kError))
+        << what;
+    EXPECT_EQ(Peer::userDb(*feature), nullptr) << what;
+  }
+}
+
+// Root may write anywhere, so the directory is made unusable by a plain file
+// in its place.
+TEST(VorakFeatureGates, UnusableDatabaseDirectoryFailsAtTheFirstFileTable) {
+  Device device;
+  std::filesystem::remove_all(device.dir().sub("data/vendor/kx"));
+  device.dir().write("data/vendor/kx", "not a directory");
+  kxhost::LogCapture log;
+  auto feature = device.create();
+  EXPECT_TRUE(feature->isDisabled());
+  EXPECT_EQ(log.count("Error in DB initialization - create"), 1u);
+  EXPECT_TRUE(log.contains("VorakFeature: initializeAllDb() "));
+  EXPECT_TRUE(log.contains("Error in DB initialization - createMeterDataDb  -1 - Disabling Vorak Feature", kError));
+  EXPECT_TRUE(log.contains("Couldnt Initialize DBs properly. Disabling the Vorak Feature. ret = -1\n", kError));
+  // The in-memory tables opened before it and work.
+  vorakdev::addRow(Peer::userDb(*feature), "com.a", 5);
+  EXPECT_EQ(vorakdev::values(Peer::userDb(*feature), "com.a"), std::vector<int>{5});
+  EXPECT_NE(Peer::startProcDb(*feature), nullptr);
+  EXPECT_NE(Peer::favPidDb(*feature), nullptr);
+  EXPECT_NE(Peer::favTimeSlotDb(*feature), nullptr);
+  EXPECT_EQ(Peer::serviceInDb(*feature), nullptr);
+}
+
+TEST(VorakFeatureStart, StartedFeatureKeepsItsTablesAndReportsWhenTracing) {
+  Device device;
+  kxhost::setProperty("vendor.debug.trace.VORAK", "1x");
+  kxhost::LogCapture log;
+  auto feature = device.create();
+  ASSERT_FALSE(feature->isDisabled());
+  EXPECT_TRUE(feature->isTraceVorak());
+  EXPECT_TRUE(log.contains("Successfully Created constructors and Enabled Vorak Feature.", kError));
+  // All three components are built.
+  EXPECT_NE(dynamic_cast<VorakMetaMeter*>(feature->getMetaMeter()), nullptr);
+  EXPECT_NE(dynamic_cast<VorakAction*>(feature->getAction()), nullptr);
+  EXPECT_NE(dynamic_cast<VorakAlgo*>(feature->getAlgo()), nullptr);
+  EXPECT_FALSE(log.contains("No MetaMeter for"));
+  EXPECT_FALSE(log.contains("No Action for"));
+  EXPECT_FALSE(log.contains("No Algo for"));
+  for (const char* file : {"Vorak.db", "VorakServiceIP.db", "VorakServiceOP.db"})
+    EXPECT_TRUE(std::filesystem::exists(device.dir().sub(std::string("data/vendor/kx/") + file))) << file;
+
+  auto* user = Peer::userDb(*feature);
+  EXPECT_EQ(feature->initializeAllDb(), 0);  // a second call keeps the tables
+  EXPECT_EQ(Peer::userDb(*feature), user);
+
+  kxhost::setProperty("vendor.debug.trace.VORAK", "0");
+  log.clear();
+  EXPECT_FALSE(device.create()->isTraceVorak());
+  EXPECT_FALSE(log.contains("Successfully Created"));
+}
+
+TEST(VorakFeatureStart, ShippedModelsLoad) {
+  const std::pair<uint64_t, const char*> cases[] = {{2097152, "2GB"}, {4194304, "4GB"}, {8388608, "6GB"}};
+  for (const auto& [kb, memClass] : cases) {
+    Device device(kb);
+    device.removeModels();
+    std::ifstream shipped(std::string(VORAK_DEVICE_ROOT "/") + vorakdev::modelPath(memClass), std::ios::binary);
+    ASSERT_TRUE(shipped.is_open()) << memClass;
+    device.writeModel(memClass, std::string(std::istreambuf_iterator<char>(shipped), {}));
+    kxhost::LogCapture log;
+    EXPECT_FALSE(device.create()->isDisabled()) << memClass;
+    EXPECT_FALSE(log.contains("Fatal")) << memClass;
+  }
+}
+
+}  // namespace

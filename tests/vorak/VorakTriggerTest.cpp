@@ -1,0 +1,262 @@
+// Trigger dispatch: what runAsync queues, which triggers become learning
+// samples, and what the worker makes of the queued ones in the user tables.
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "VorakDevice.h"
+#include "kxhost/LogCapture.h"
+#include "kxhost/MeteringThread.h"
+
+namespace {
+
+using vorakdev::addRow;
+using vorakdev::Device;
+using vorakdev::trigger;
+using vorakdev::values;
+using Peer = VorakFeatureTestPeer;
+using Ints = std::vector<int>;
+
+constexpr int kPrepare = 4162, kMeter = 4163, kLaunch = 4225, kForget = 4242, kRemoved = 4243;
+
+// A feature stopped at the memory gate has no worker: its queue shows
+// exactly what runAsync queued.
+TEST(VorakDispatch, QueuesOnlyTheUserTableTriggers) {
+  Device device(0);
+  auto feature = device.create();
+  kxhost::LogCapture log;
+  const std::pair<AsyncTriggerPayload, bool> cases[] = {
+      {trigger(kPrepare, 0, "a"), true},   {trigger(kRemoved, 0, "a"), true},  {trigger(kLaunch, 2, "a"), true},
+      {trigger(kLaunch, 101, "a"), true},  {trigger(kLaunch, 102, "a"), true}, {trigger(kLaunch, 1, "a"), false},
+      {trigger(kLaunch, 103, "a"), false}, {trigger(kMeter, 0, "a"), false},   {trigger(kForget, 0, "a"), false},
+      {trigger(4226, 2, "a"), false}};
+  size_t expected = 0;
+  for (const auto& [t, queued] : cases) {
+    feature->runAsync(t);
+    expected += queued;
+    EXPECT_EQ(Peer::queued(*feature), expected) << t.hintID << "/" << t.hintType;
+  }
+  EXPECT_EQ(log.count("VorakFeature: runAsync() "), std::size(cases));
+  EXPECT_EQ(log.count("No MetaMeter", ANDROID_LOG_ERROR), std::size(cases));
+}
+
+TEST(VorakDispatch, FiftyFirstPushEmptiesTheQueue) {
+  Device device(0);
+  auto feature = device.create();
+  kxhost::LogCapture log;
+  for (int i = 0; i < 50; ++i) feature->runAsync(trigger(kPrepare, 0, "a"));
+  EXPECT_EQ(Peer::queued(*feature), 50u);
+  EXPECT_FALSE(log.contains("flooding"));
+  feature->runAsync(trigger(kPrepare, 0, "a"));
+  EXPECT_EQ(Peer::queued(*feature), 0u);
+  EXPECT_EQ(log.count("WQ: push() ", ANDROID_LOG_WARN), 1u);
+  EXPECT_TRUE(log.contains("VorakTriggerQ push() size=50 mFlushThreshold=50, Reached threshold => flooding "
+                           "detected, clearing Queue"));
+  feature->runAsync(trigger(kPrepare, 0, "a"));
+  EXPECT_EQ(Peer::queued(*feature), 1u);
+}
+
+// Records the names of the triggers that reached the meter aggregator.
+class RecordingMeter : public MetaMeter {
+ public:
+  RecordingMeter(const FeatureInfo& info, FeatureState& state) : MetaMeter(info, state) {}
+  ~RecordingMeter() override { stopMetering(); }
+  bool writeToDataBase(std::vector<Meter*> meters) override {
+    std::vector<AsyncTriggerPayload> triggers;
+    for (Meter* m : meters) m->getTriggerPayloads(triggers);
+    std::lock_guard<std::mutex> lock(mMutex);
+    for (const auto& t : triggers) mSampled.push_back(t.appName);
+    return true;
+  }
+  std::vector<std::string> takeSampled() {
+    kxhost::MeteringThread::instance().drain();
+    std::lock_guard<std::mutex> lock(mMutex);
+    return std::exchange(mSampled, {});
+  }
+
+ private:
+  std::mutex mMutex;                   // guards mSampled
+  std::vector<std::string> mSampled;  // written on the metering thread
+};
+
+class VorakSampling : public ::testing::Test {
+ protected:
+  using Names = std::vector<std::string>;
+
+  void SetUp() override {
+    mInfo = Device::defaultInfo();
+    mInfo.meterInfo.push_back(MeterInfo{"Memory", {}, {"ion_kgsl", "rss_swap"}, {}, 1});
+    mFeature = mDevice.create(mInfo);
+    ASSERT_FALSE(mFeature->isDisabled());
+    mMeter = new RecordingMeter(mInfo, mStates);
+    Peer::setMetaMeter(*mFeature, mMeter);
+    // The remembered launch outlives feature objects: pair it off first.
+    send(kLaunch, 2, "reset.slot");
+    send(kLaunch, 101, "reset.slot");
+    mMeter->takeSampled();
+  }
+  void send(int id, int type, const std::string& app) { mFeature->runAsync(trigger(id, type, app)); }
+
+  Device mDevice;
+  FeatureInfo mInfo;  // outlives the meter, which keeps a pointer to it
+  FeatureState mStates{"Vorak"};
+  std::unique_ptr<VorakFeature> mFeature;
+  RecordingMeter* mMeter = nullptr;  // owned by mFeature
+};
+
+TEST_F(VorakSampling, CompletionPairsWithTheLastLaunchBySubstring) {
+  send(kLaunch, 2, "com.a.b");
+  send(kLaunch, 101, "com.a");
+  EXPECT_EQ(mMeter->takeSampled(), Names{"com.a"});
+  send(kLaunch, 102, "com.a");  // the pairing consumed the launch
+  send(kLaunch, 2, "com.b");
+  send(kLaunch, 101, "com.a");
+  EXPECT_EQ(mMeter->takeSampled(), Names{});
+  send(kLaunch, 2, "com.c");  // one slot: the later launch replaces it
+  send(kLaunch, 102, "com.b");
+  send(kLaunch, 102, "com.c:remote");
+  EXPECT_EQ(mMeter->takeSampled(), Names{"com.c:remote"});
+  send(kLaunch, 101, "app with blank");  // contains the empty slot's " "
+  EXPECT_EQ(mMeter->takeSampled(), Names{"app with blank"});
+}
+
+TEST_F(VorakSampling, LearningStateGatesSamples) {
+  const std::pair<AppState, bool> cases[] = {{APP_STATE_COLLECTING, true},
+                                             {APP_STATE_LEARNING_DUE, false},
+                                             {APP_STATE_LEARNT, true},
+                                             {APP_STATE_RELEARN_DUE, false}};
+  for (const auto& [state, sampled] : cases) {
+    const std::string app = "gate.app" + std::to_string(state);
+    mStates.writeState(app, state);
+    send(kMeter, 0, app);
+    send(kRemoved, 0, app);  // queued for the worker, never a sample
+    send(kLaunch, 2, app);
+    send(kLaunch, 101, app);
+    EXPECT_EQ(mMeter->takeSampled(), (sampled ? Names{app, app} : Names{})) << state;
+  }
+}
+
+TEST_F(VorakSampling, ForgetTriggerDropsSamplesOrLearningDue) {
+  auto* meterDb = Peer::meterDb(*mFeature);
+  for (const char* app : {"forget.a", "forget.a", "forget.b"}) {
+    auto rows = meterDb->allocateDR(1);
+    rows[0]->appName = app;
+    rows[0]->blob = {1, 2};
+    meterDb->writeDeallocateDR(rows);
+  }
+  KxDBDataRowKey a("forget.a", 0), b("forget.b", 0);
+  EXPECT_FALSE(mFeature->needsLearning(trigger(kForget, 0, "forget.a")));
+  EXPECT_EQ(meterDb->getCountDR(a), 0);
+  EXPECT_EQ(meterDb->getCountDR(b), 1);
+  EXPECT_FALSE(mFeature->needsLearning(trigger(kForget, 0, "forget.none")));
+
+  mStates.writeState("forget.b", APP_STATE_LEARNING_DUE);
+  EXPECT_FALSE(mFeature->needsLearning(trigger(kForget, 0, "forget.b")));
+  EXPECT_EQ(mStates.readState("forget.b"), APP_STATE_COLLECTING);
+  EXPECT_EQ(meterDb->getCountDR(b), 1);
+  mStates.writeState("forget.b", APP_STATE_LEARNT);
+  EXPECT_FALSE(mFeature->needsLearning(trigger(kForget, 0, "forget.b")));
+  EXPECT_EQ(mStates.readState("forget.b"), APP_STATE_LEARNT);
+  send(kForget, 0, "forget.b");
+  EXPECT_EQ(mMeter->takeSampled(), Names{});
+}
+
+class VorakWorker : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mFeature = mDevice.create();
+    ASSERT_FALSE(mFeature->isDisabled());
+    mUser = Peer::userDb(*mFeature);
+    mStart = Peer::startProcDb(*mFeature);
+    mFav = Peer::favPidDb(*mFeature);
+  }
+  void run(int id, int type, const std::string& app, int pid) {
+    mFeature->runAsync(trigger(id, type, app, pid));
+    Peer::drain(*mFeature);
+  }
+
+  Device mDevice;
+  std::unique_ptr<VorakFeature> mFeature;
+  VorakFeature::UserDb *mUser = nullptr, *mStart = nullptr, *mFav = nullptr;
+};
+
+TEST_F(VorakWorker, PrepareKeepsOneUserRowWithTheLatestPid) {
+  run(kPrepare, 0, "com.a", 10);
+  run(kPrepare, 0, "com.a", 10);
+  EXPECT_EQ(values(mUser, "com.a"), Ints{10});
+  run(kPrepare, 0, "com.a", 11);
+  EXPECT_EQ(values(mUser, "com.a"), Ints{11});
+  EXPECT_EQ(values(mStart, "com.a"), Ints{});
+  EXPECT_EQ(values(mFav, "com.a"), Ints{});
+}
+
+TEST_F(VorakWorker, LaunchCompletionUpdatesFavouriteAndStartProc) {
+  run(kLaunch, 2, "com.a", 20);  // queued, ignored by the worker
+  EXPECT_EQ(values(mStart, "com.a"), Ints{});
+  run(kLaunch, 101, "com.a", 21);
+  EXPECT_EQ(values(mStart, "com.a"), Ints{21});
+  EXPECT_EQ(values(mFav, "com.a"), Ints{});  // not created when missing
+  addRow(mFav, "com.a", 1);
+  run(kLaunch, 102, "com.a", 22);
+  EXPECT_EQ(values(mFav, "com.a"), Ints{22});
+  EXPECT_EQ(values(mStart, "com.a"), Ints{22});
+}
+
+TEST_F(VorakWorker, RemovalClearsTheAppFromTheUserTables) {
+  kxhost::LogCapture log;
+  run(kRemoved, 0, "never.launched", 0);
+  EXPECT_FALSE(log.contains("dbOperations()"));
+  EXPECT_FALSE(log.contains("entries in"));
+
+  run(kPrepare, 0, "com.a", 30);
+  run(kLaunch, 101, "com.a", 30);
+  addRow(mFav, "com.a", 30);
+  run(kRemoved, 0, "com.a", 30);
+  EXPECT_EQ(values(mFav, "com.a"), Ints{-1});
+  EXPECT_EQ(values(mUser, "com.a"), Ints{});
+  EXPECT_EQ(values(mStart, "com.a"), Ints{});
+}
+
+// updatePIDInDB leaves duplicates in place; the other two operations remove
+// them. Each failure is reported and the next step still runs.
+TEST_F(VorakWorker, DuplicatedAppsAreReportedAndHandledPerTable) {
+  for (auto* db : {mUser, mStart, mFav}) {
+    addRow(db, "dup", 1);
+    addRow(db, "dup", 2);
+  }
+  kxhost::LogCapture log;
+  run(kPrepare, 0, "dup", 9);
+  EXPECT_EQ(values(mUser, "dup"), (Ints{1, 2}));
+  EXPECT_TRUE(log.contains("There is some problem with App = (dup) as it has > 1 entries in User DB."));
+  EXPECT_TRUE(log.contains("VorakFeature: dbOperations() "));
+  EXPECT_TRUE(log.contains("Couldnt Update PID in User DB. Err = "));
+
+  run(kLaunch, 101, "dup", 9);
+  EXPECT_EQ(values(mFav, "dup"), Ints{});
+  EXPECT_EQ(values(mStart, "dup"), (Ints{1, 2}));
+  EXPECT_TRUE(log.contains("Couldnt Update PID in Fav PID DB. Err = "));
+  EXPECT_TRUE(log.contains("Couldnt Update PID in StartProc DB. Err = "));
+
+  addRow(mFav, "dup", 3);
+  addRow(mFav, "dup", 4);
+  run(kRemoved, 0, "dup", 9);
+  EXPECT_EQ(values(mFav, "dup"), Ints{});
+  EXPECT_EQ(values(mUser, "dup"), Ints{});
+  EXPECT_EQ(values(mStart, "dup"), Ints{});
+  EXPECT_TRUE(log.contains("Couldnt update favoriteDb. Err = "));
+  EXPECT_TRUE(log.contains("Couldnt deleteApp from User DB. Err = "));
+  EXPECT_TRUE(log.contains("Couldnt deleteApp from Start Proc DB. Err = "));
+  EXPECT_EQ(log.count("> 1 entries in FavoritePID DB."), 2u);
+}
+
+TEST_F(VorakWorker, TableOperationsRefuseMissingTables) {
+  std::string app = "com.a";
+  EXPECT_EQ(mFeature->updatePIDInDB(nullptr, app, 1, "User"), -1);
+  EXPECT_EQ(mFeature->updateFavDB(nullptr, app, 1, "FavoritePID"), -1);
+  EXPECT_EQ(mFeature->deleteAppFromDB(nullptr, app, "User"), -1);
+  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, nullptr), -1);
+  EXPECT_EQ(values(mUser, app), Ints{});
+}
+
+}  // namespace
