@@ -84,8 +84,9 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   std::string dbName() const { return mDbFileName.empty() ? std::string(":memory:") : mDbDir + mDbFileName; }
   const char* table() const { return this->mTableName.c_str(); }
   void execLogged(const char* sql);
-  void beginImmediate();
-  void commit();
+  void transactionStep(const char* sql);
+  void beginImmediate() { transactionStep("BEGIN IMMEDIATE TRANSACTION;"); }
+  void commit() { transactionStep("COMMIT TRANSACTION;"); }
   bool takeCachedRow(Row** row);
   void writeRow(Row* row, sqlite3_stmt* insert, sqlite3_stmt* update);
   static void fillRow(Row* row, sqlite3_stmt* stmt);
@@ -413,27 +414,15 @@ void KxDatabase<T>::execLogged(const char* sql) {
   sqlite3_free(err);
 }
 
-// A failed BEGIN is rolled back and the work goes on in autocommit mode.
+// Runs a transaction statement. A failure is logged and rolled back: after a
+// failed BEGIN the work goes on in autocommit mode, after a failed COMMIT the
+// open transaction is abandoned.
 template <typename T>
-void KxDatabase<T>::beginImmediate() {
+void KxDatabase<T>::transactionStep(const char* sql) {
   char* err = nullptr;
-  if (sqlite3_exec(mDb, "BEGIN IMMEDIATE TRANSACTION;", nullptr, nullptr, &err) != SQLITE_OK) {
+  if (sqlite3_exec(mDb, sql, nullptr, nullptr, &err) != SQLITE_OK) {
     KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
-    sqlite3_free(err);
     execLogged("ROLLBACK TRANSACTION;");
-    return;
-  }
-  sqlite3_free(err);
-}
-
-template <typename T>
-void KxDatabase<T>::commit() {
-  char* err = nullptr;
-  if (sqlite3_exec(mDb, "COMMIT TRANSACTION;", nullptr, nullptr, &err) != SQLITE_OK) {
-    KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
-    sqlite3_free(err);
-    execLogged("ROLLBACK TRANSACTION;");
-    return;
   }
   sqlite3_free(err);
 }

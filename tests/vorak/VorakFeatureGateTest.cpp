@@ -8,8 +8,6 @@
 #include <random>
 
 #include "VorakAction.h"
-#include "VorakAlgo.h"
-#include "VorakMetaMeter.h"
 #include "VorakDevice.h"
 #include "kxhost/LogCapture.h"
 
@@ -140,12 +138,12 @@ TEST(VorakFeatureStart, StartedFeatureKeepsItsTablesAndReportsWhenTracing) {
   ASSERT_FALSE(feature->isDisabled());
   EXPECT_TRUE(feature->isTraceVorak());
   EXPECT_TRUE(log.contains("Successfully Created constructors and Enabled Vorak Feature.", kError));
-  // All three components are built.
-  EXPECT_NE(dynamic_cast<VorakMetaMeter*>(feature->getMetaMeter()), nullptr);
+  // Every component is built.
   EXPECT_NE(dynamic_cast<VorakAction*>(feature->getAction()), nullptr);
-  EXPECT_NE(dynamic_cast<VorakAlgo*>(feature->getAlgo()), nullptr);
-  EXPECT_FALSE(log.contains("No MetaMeter for"));
+  EXPECT_NE(feature->getMetaMeter(), nullptr);
+  EXPECT_NE(feature->getAlgo(), nullptr);
   EXPECT_FALSE(log.contains("No Action for"));
+  EXPECT_FALSE(log.contains("No MetaMeter for"));
   EXPECT_FALSE(log.contains("No Algo for"));
   for (const char* file : {"Vorak.db", "VorakServiceIP.db", "VorakServiceOP.db"})
     EXPECT_TRUE(std::filesystem::exists(device.dir().sub(std::string("data/vendor/kx/") + file))) << file;

@@ -1,0 +1,149 @@
+// The simulated device's memory: statistics that add up the way the kill
+// decision adds them, and a kernel that reclaims in the right order.
+
+#include <gtest/gtest.h>
+
+#include "DeviceModel.h"
+
+namespace {
+
+using vsim::DeviceModel;
+using vsim::DeviceProfile;
+
+// The sums the kill decision forms from the record (all KB).
+struct DecisionView {
+  int64_t free, file, anon, pageCache, cached, accounted, other, available, load;
+};
+
+DecisionView view(const SysStats& s) {
+  DecisionView v{};
+  v.free = s.dmaFreeKB + s.normalFreeKB + s.movableFreeKB + s.highMemFreeKB;
+  v.file = s.dmaActiveFileKB + s.dmaInactiveFileKB + s.normalActiveFileKB + s.normalInactiveFileKB +
+           s.movableActiveFileKB + s.movableInactiveFileKB + s.highMemActiveFileKB + s.highMemInactiveFileKB;
+  v.anon = s.dmaActiveAnonKB + s.dmaInactiveAnonKB + s.normalActiveAnonKB + s.normalInactiveAnonKB +
+           s.movableActiveAnonKB + s.movableInactiveAnonKB + s.highMemActiveAnonKB + s.highMemInactiveAnonKB;
+  v.pageCache = v.file - static_cast<int64_t>(s.swapCachedKB + s.buffersKB);
+  v.cached = v.pageCache - static_cast<int64_t>(s.shmemKB);
+  v.accounted = v.free + v.pageCache + v.anon +
+                static_cast<int64_t>(s.swapCachedKB + s.buffersKB + s.pageTablesKB + s.kernelStackKB +
+                                     s.sUnreclaimKB + s.sReclaimableKB + s.zramUsedKB + s.unreclaimableKB +
+                                     s.reclaimableKB);
+  v.other = static_cast<int64_t>(s.totalKB) - v.accounted;
+  v.available = v.free + static_cast<int64_t>(s.sReclaimableKB + s.reclaimableKB + s.buffersKB) + v.cached;
+  v.load = v.anon + v.other + static_cast<int64_t>(s.sReclaimableKB + s.sUnreclaimKB + s.zramUsedKB +
+                                                   s.unreclaimableKB);
+  return v;
+}
+
+DeviceProfile fourGB() { return *DeviceProfile::forClass(4); }
+
+TEST(DeviceProfileTest, ClassesMatchThePluginsModelChoice) {
+  for (int gb : {2, 4, 6}) {
+    const auto p = DeviceProfile::forClass(gb);
+    ASSERT_TRUE(p.has_value());
+    EXPECT_EQ(p->memClass(), std::to_string(gb) + "GB");
+    EXPECT_LT(p->minCacheKB, p->cacheKB);
+  }
+  EXPECT_FALSE(DeviceProfile::forClass(3).has_value());
+  DeviceProfile p;
+  p.totalKB = 1048576;  // the plug-in's lower bound matches no model
+  EXPECT_EQ(p.memClass(), "");
+  p.totalKB = 4194304;
+  EXPECT_EQ(p.memClass(), "4GB");
+}
+
+TEST(DeviceModelTest, StatisticsAddUpAsTheKillDecisionReadsThem) {
+  DeviceModel m(fourGB());
+  m.addProcess(100, 300000, 50000, 90000, 0);
+  m.addProcess(101, 200000, 40000, 30000, 900);
+  const SysStats s = m.sysStats();
+  const DecisionView v = view(s);
+  EXPECT_EQ(v.free, static_cast<int64_t>(m.freeKB()));
+  EXPECT_EQ(v.available, static_cast<int64_t>(m.availableKB()));
+  // What the counters do not cover is graphics and other kernel memory: positive, and at least the GPU memory.
+  EXPECT_GE(v.other, static_cast<int64_t>(fourGB().systemGpuKB + 90000 + 30000));
+  // Available plus load is "the whole of memory as the model sees it".
+  EXPECT_NEAR(static_cast<double>(v.available + v.load), static_cast<double>(s.totalKB), s.totalKB * 0.05);
+  EXPECT_GT(v.cached, 0);
+  EXPECT_EQ(s.highMemFreeKB + s.highMemActiveAnonKB + s.highMemInactiveFileKB, 0u);  // a 64-bit device
+}
+
+TEST(DeviceModelTest, StartingAndKillingAProcessMovesFreeMemoryBothWays) {
+  DeviceModel m(fourGB());
+  const uint64_t free0 = m.freeKB(), avail0 = m.availableKB();
+  const auto r = m.addProcess(7, 250000, 60000, 80000, 0);
+  EXPECT_FALSE(r.direct());
+  EXPECT_EQ(m.freeKB(), free0 - 250000 - 60000 - 80000);
+  ASSERT_TRUE(m.process(7).has_value());
+  EXPECT_EQ(m.process(7)->rssSwapKB(), 250000u);
+  EXPECT_EQ(m.process(7)->totalKB(), 390000u);
+
+  EXPECT_TRUE(m.removeProcess(7));
+  EXPECT_FALSE(m.removeProcess(7));
+  // Its file pages stay cached: free memory misses them, available memory does not.
+  EXPECT_EQ(m.freeKB(), free0 - 60000);
+  EXPECT_EQ(m.availableKB(), avail0);
+}
+
+TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
+  DeviceModel m(fourGB());
+  m.addProcess(1, 600000, 0, 0, 950);
+  m.addProcess(2, 600000, 50000, 0, 700);
+  const uint64_t free = m.freeKB();
+  // Slightly more than free memory: the cache alone covers it.
+  EXPECT_GT(m.cleanKB(), free + fourGB().lowWatermarkKB);
+  auto r = m.addProcess(3, free, 0, 0, 0);
+  EXPECT_GT(r.cacheDroppedKB, 0u);
+  EXPECT_EQ(r.swappedKB, 0u);
+  EXPECT_EQ(r.shortKB, 0u);
+  EXPECT_GE(m.freeKB(), 0u);
+
+  // Now far more than the cache left: the background's file pages go, then
+  // background processes are swapped, least important first.
+  r = m.addProcess(4, 500000, 0, 0, 0);
+  EXPECT_EQ(m.process(2)->fileKB, 0u);
+  EXPECT_GT(r.swappedKB, 0u);
+  EXPECT_EQ(r.shortKB, 0u);
+  EXPECT_GT(m.process(1)->swappedKB, 0u);
+  EXPECT_EQ(m.process(3)->swappedKB, 0u);  // the foreground is never swapped
+  EXPECT_EQ(m.process(1)->rssSwapKB(), 600000u);  // swapping keeps rss_swap
+  EXPECT_EQ(m.zramOrigKB(), m.process(1)->swappedKB + m.process(2)->swappedKB);
+  EXPECT_EQ(m.sysStats().zramUsedKB, m.zramUsedKB());
+  EXPECT_LT(m.zramUsedKB(), m.zramOrigKB());
+
+  // Killing a swapped process gives its zram back.
+  const uint64_t zram = m.zramOrigKB();
+  const uint64_t swapped1 = m.process(1)->swappedKB;
+  m.removeProcess(1);
+  EXPECT_EQ(m.zramOrigKB(), zram - swapped1);
+}
+
+TEST(DeviceModelTest, HeadroomIsWhatCanBeFoundAndNoMore) {
+  DeviceModel m(fourGB());
+  m.addProcess(1, 900000, 0, 0, 900);
+  m.addProcess(2, 400000, 0, 0, 0);
+  const uint64_t room = m.headroomKB();
+  DeviceModel fits = m;
+  EXPECT_EQ(fits.addProcess(3, room - 50000, 0, 0, 0).shortKB, 0u);
+  const auto r = m.addProcess(3, room + 100000, 0, 0, 0);
+  EXPECT_NEAR(static_cast<double>(r.shortKB), 100000.0, 2000.0);
+  EXPECT_EQ(m.freeKB(), 0u);
+  // What could not be found was not given.
+  EXPECT_EQ(m.process(3)->anonKB, room + 100000 - r.shortKB);
+}
+
+TEST(DeviceModelTest, GrowthAndPriorityChangesApplyToKnownProcessesOnly) {
+  DeviceModel m(fourGB());
+  m.addProcess(5, 100000, 0, 0, 0);
+  const uint64_t free = m.freeKB();
+  m.grow(5, 20000);
+  EXPECT_EQ(m.process(5)->anonKB, 120000u);
+  EXPECT_EQ(m.freeKB(), free - 20000);
+  m.grow(6, 20000);
+  m.setOomAdj(6, 900);
+  EXPECT_FALSE(m.hasProcess(6));
+  m.setOomAdj(5, 900);
+  EXPECT_EQ(m.process(5)->oomAdj, 900);
+}
+
+}  // namespace

@@ -1,0 +1,114 @@
+// The simulator's processes and the statistics it serves: only its own live
+// children are ever offered to the plug-in or signalled, and every child is
+// reaped.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "ProcessPool.h"
+#include "SimDevice.h"
+
+namespace {
+
+using vsim::DeviceProfile;
+using vsim::ProcessPool;
+using vsim::SimDevice;
+
+// True once `pid` is no child of ours any more (reaped).
+bool reaped(pid_t pid) {
+  int status;
+  return waitpid(pid, &status, WNOHANG) == -1 && errno == ECHILD;
+}
+
+std::vector<int> pids(const std::vector<PIDStats>& stats) {
+  std::vector<int> out;
+  for (const auto& s : stats) out.push_back(s.pid);
+  return out;
+}
+
+TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
+  ProcessPool pool;
+  const pid_t a = pool.spawn("com.example.a");
+  const pid_t b = pool.spawn("com.example.bb");
+  EXPECT_TRUE(pool.owns(a));
+  EXPECT_EQ(pool.nameOf(b), "com.example.bb");
+  EXPECT_EQ(pool.liveCount(), 2u);
+
+  EXPECT_FALSE(pool.kill(getpid()));
+  EXPECT_FALSE(pool.kill(getppid()));
+  EXPECT_FALSE(pool.kill(1));
+  EXPECT_FALSE(pool.kill(0));
+  EXPECT_FALSE(pool.kill(-1));
+
+  ASSERT_TRUE(pool.kill(a));
+  // The death is seen without reaping: the pid stays ours until reap().
+  std::vector<vsim::Death> deaths;
+  while (deaths.empty()) deaths = pool.collectDeaths();
+  ASSERT_EQ(deaths.size(), 1u);
+  EXPECT_EQ(deaths[0].pid, a);
+  EXPECT_EQ(deaths[0].signal, SIGKILL);
+  EXPECT_FALSE(pool.owns(a));
+  EXPECT_FALSE(pool.kill(a));  // a known-dead child is not signalled again
+  EXPECT_FALSE(reaped(a));
+  EXPECT_EQ(pool.reap(), 1u);
+  EXPECT_TRUE(reaped(a));
+
+  pool.stopAll();
+  EXPECT_TRUE(reaped(b));
+  EXPECT_EQ(pool.liveCount(), 0u);
+}
+
+TEST(ProcessPoolTest, DestroyingThePoolReapsEveryChild) {
+  std::vector<pid_t> children;
+  {
+    ProcessPool pool;
+    for (int i = 0; i < 3; ++i) children.push_back(pool.spawn("svc." + std::to_string(i)));
+  }
+  for (pid_t p : children) EXPECT_TRUE(reaped(p));
+}
+
+TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
+  ProcessPool pool;
+  SimDevice dev(*DeviceProfile::forClass(4), pool);
+  const pid_t app = pool.spawn("com.example.app");
+  const pid_t svc = pool.spawn("svc.audio");
+  ASSERT_TRUE(dev.addProcess(app, "com.example.app", 300000, 40000, 90000, 900).has_value());
+  ASSERT_TRUE(dev.addProcess(svc, "svc.audio", 30000, 5000, 0, 800).has_value());
+
+  // Processes that are not children of the pool cannot be put on the device...
+  EXPECT_FALSE(dev.addProcess(getpid(), "self", 1000, 0, 0, 900).has_value());
+  EXPECT_FALSE(dev.addProcess(1, "init", 1000, 0, 0, 900).has_value());
+  // ... and are unknown to the statistics.
+  EXPECT_EQ(dev.pidStats(getpid()).pid, -1);
+  EXPECT_EQ(dev.pidStats(1).pid, -1);
+  EXPECT_EQ(dev.pidStats(getppid()).pid, -1);
+
+  auto all = dev.pidStatsRange(-1000, 1000);
+  std::vector<int> expected = {app, svc};
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(pids(all), expected);
+  EXPECT_EQ(pids(dev.pidStatsRange(700, 850)), std::vector<int>{svc});
+
+  const PIDStats s = dev.pidStats(app);
+  EXPECT_EQ(s.pid, app);
+  EXPECT_EQ(s.rssAnonSwapKB, 300000u);
+  EXPECT_EQ(s.rssFileKB, 40000u);
+  EXPECT_EQ(s.gpuKB, 90000u);
+  EXPECT_EQ(s.oomScoreAdj, 900);
+  EXPECT_STREQ(s.comm, "com.example.app");
+
+  // A child that died is withdrawn at once, even before the simulator frees its memory.
+  ASSERT_TRUE(pool.kill(app));
+  while (pool.collectDeaths().empty()) {
+  }
+  EXPECT_EQ(dev.pidStats(app).pid, -1);
+  EXPECT_EQ(pids(dev.pidStatsRange(-1000, 1000)), std::vector<int>{svc});
+  EXPECT_TRUE(dev.removeProcess(app));
+  pool.reap();
+}
+
+}  // namespace

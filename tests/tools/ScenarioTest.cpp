@@ -1,0 +1,167 @@
+// Scenario files: what they expand to, what they reject (with the offending
+// member named), and the built-in day.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "Scenario.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using testing::HasSubstr;
+using vsim::EventType;
+using vsim::parseScenario;
+using vsim::ScenarioError;
+
+const char* const kMinimal = R"({
+  "name": "two apps",
+  "device": {"class": "2GB"},
+  "samplesThreshold": 2,
+  "services": [{"name": "svc.push", "rssSwapKB": 20000, "oomAdj": 500}],
+  "apps": [
+    {"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"]},
+    {"name": "com.b", "rssSwapKB": 90000}
+  ],
+  "events": [
+    {"at": "08:00", "type": "open", "app": "com.b"},
+    {"at": 100, "type": "service", "service": "svc.push"},
+    {"at": "08:00:30", "type": "complete", "app": "com.a", "hintType": 102},
+    {"at": "09:00", "type": "learn"}
+  ],
+  "expect": [{"launch": 1, "victims": []}]
+})";
+
+std::string errorOf(const std::string& text) {
+  try {
+    parseScenario(text);
+  } catch (const ScenarioError& e) {
+    return e.what();
+  }
+  return "";
+}
+
+std::string withEvents(const std::string& events) {
+  return R"({"apps": [{"name": "com.a", "rssSwapKB": 1000}], "events": )" + events + "}";
+}
+
+TEST(ScenarioTest, ParsesDeviceAppsAndExpandsOpenIntoItsThreeSteps) {
+  const auto sc = parseScenario(kMinimal);
+  EXPECT_EQ(sc.name, "two apps");
+  EXPECT_EQ(sc.device.memClass(), "2GB");
+  EXPECT_EQ(sc.samplesThreshold, 2u);
+  ASSERT_EQ(sc.apps.size(), 2u);
+  EXPECT_EQ(sc.app("com.a")->needKB(), 180000u);
+  EXPECT_EQ(sc.service("svc.push")->oomAdj, 500);
+  EXPECT_EQ(sc.app("nope"), nullptr);
+
+  // Sorted by time: service at 100 s, then the open at 08:00 (prepare, launch, complete 2 s later), ...
+  ASSERT_EQ(sc.events.size(), 6u);
+  EXPECT_EQ(sc.events[0].type, EventType::Service);
+  EXPECT_EQ(sc.events[1].type, EventType::Prepare);
+  EXPECT_EQ(sc.events[1].target, "");
+  EXPECT_EQ(sc.events[2].type, EventType::Launch);
+  EXPECT_EQ(sc.events[2].at, 8 * 3600.0);
+  EXPECT_EQ(sc.events[3].type, EventType::Complete);
+  EXPECT_EQ(sc.events[3].at, 8 * 3600.0 + 2);
+  EXPECT_EQ(sc.events[4].hintType, 102);
+  EXPECT_EQ(sc.events[5].type, EventType::Learn);
+  EXPECT_EQ(sc.launchCount(), 1u);
+  ASSERT_EQ(sc.expectations.size(), 1u);
+  EXPECT_TRUE(sc.expectations[0].victims.empty());
+}
+
+TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
+  EXPECT_THAT(errorOf("{"), HasSubstr("not valid JSON"));
+  EXPECT_THAT(errorOf("[]"), HasSubstr("expected an object"));
+  EXPECT_THAT(errorOf(R"({"apps": [], "events": []})"), HasSubstr("apps: expected a non-empty array"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 1}], "events": [], "colour": 1})"),
+              HasSubstr("unknown member 'colour'"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": -5}], "events": []})"),
+              HasSubstr("apps[0].rssSwapKB"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 0}], "events": []})"),
+              HasSubstr("apps[0].rssSwapKB: must be above 0"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "it's", "rssSwapKB": 5}], "events": []})"), HasSubstr("quote"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5}, {"name": "x", "rssSwapKB": 5}], "events": []})"),
+              HasSubstr("apps[1].name: 'x' is defined twice"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5, "services": ["s"]}], "events": []})"),
+              HasSubstr("apps[0].services: unknown service 's'"));
+  EXPECT_THAT(errorOf(R"({"device": {"class": "3GB"}, "apps": [{"name": "x", "rssSwapKB": 5}], "events": []})"),
+              HasSubstr("device.class"));
+  EXPECT_THAT(errorOf(R"({"device": {"totalKB": 900000}, "apps": [{"name": "x", "rssSwapKB": 5}], "events": []})"),
+              HasSubstr("outside the plug-in's range"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": "25:61", "type": "learn"}])")), HasSubstr("events[0].at"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": -1, "type": "learn"}])")), HasSubstr("events[0].at"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"type": "learn"}])")), HasSubstr("events[0]: missing 'at'"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "dance"}])")), HasSubstr("unknown event type 'dance'"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "launch", "app": "com.z"}])")),
+              HasSubstr("events[0].app: unknown app 'com.z'"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "launch"}])")), HasSubstr("missing 'app'"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "complete", "app": "com.a", "hintType": 7}])")),
+              HasSubstr("hintType"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "service", "service": "svc"}])")),
+              HasSubstr("unknown service 'svc'"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5}], "events": [], "expect": [{"launch": 1, "victims": []}]})"),
+              HasSubstr("only 0 launches"));
+}
+
+TEST(ScenarioTest, LoadingNamesTheFile) {
+  kxtest::TempDir dir;
+  const std::string bad = dir.write("bad.json", "{\"apps\": 3}");
+  try {
+    vsim::loadScenario(bad);
+    FAIL() << "accepted a bad file";
+  } catch (const ScenarioError& e) {
+    EXPECT_THAT(e.what(), HasSubstr(bad + ": apps"));
+  }
+  EXPECT_THROW(vsim::loadScenario(dir.sub("missing.json")), ScenarioError);
+  EXPECT_EQ(vsim::loadScenario(dir.write("ok.json", kMinimal)).apps.size(), 2u);
+}
+
+TEST(ScenarioTest, TheBuiltInDayIsAFourGigabyteDayOfTwentyApps) {
+  const auto sc = vsim::defaultScenario();
+  EXPECT_EQ(sc.device.memClass(), "4GB");
+  EXPECT_EQ(sc.apps.size(), 20u);
+  EXPECT_GE(sc.launchCount(), 80u);
+  EXPECT_LE(sc.launchCount(), 250u);
+  EXPECT_LT(sc.durationSec(), 24 * 3600.0);
+
+  std::set<std::string> launched;
+  size_t learns = 0;
+  double last = 0;
+  for (const auto& e : sc.events) {
+    EXPECT_GE(e.at, last);
+    last = e.at;
+    if (e.type == EventType::Launch) launched.insert(e.target);
+    if (e.type == EventType::Learn) ++learns;
+    if (e.type == EventType::Service) {
+      EXPECT_NE(sc.service(e.target), nullptr);
+    } else if (!e.target.empty()) {
+      EXPECT_NE(sc.app(e.target), nullptr);
+    }
+  }
+  EXPECT_GE(launched.size(), 15u);  // most apps get used
+  EXPECT_GE(learns, 5u);
+
+  // The built-in day survives being written out as a scenario file and read back.
+  const auto again = parseScenario(sc.toJson().dump());
+  EXPECT_EQ(again.apps.size(), sc.apps.size());
+  EXPECT_EQ(again.services.size(), sc.services.size());
+  ASSERT_EQ(again.events.size(), sc.events.size());
+  for (size_t i = 0; i < sc.events.size(); ++i) {
+    EXPECT_EQ(again.events[i].at, sc.events[i].at);
+    EXPECT_EQ(again.events[i].type, sc.events[i].type);
+    EXPECT_EQ(again.events[i].target, sc.events[i].target);
+  }
+  EXPECT_EQ(again.device.totalKB, sc.device.totalKB);
+  EXPECT_EQ(again.device.minCacheKB, sc.device.minCacheKB);
+}
+
+TEST(ScenarioTest, ClockTime) {
+  EXPECT_EQ(vsim::clockTime(0), "00:00:00");
+  EXPECT_EQ(vsim::clockTime(8 * 3600 + 5 * 60 + 7.9), "08:05:07");
+}
+
+}  // namespace

@@ -1,0 +1,183 @@
+// vorak-db run as a subprocess on database files made here the way the
+// plug-in's table store makes them, and on broken files.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "support/TempDir.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::string quote(const std::string& s) {
+  std::string q = "'";
+  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
+struct ToolRun {
+  int code = -1;
+  std::string out, err;
+};
+
+class VorakDbTool : public ::testing::Test {
+ protected:
+  ToolRun tool(const std::vector<std::string>& args) {
+    std::string cmd = std::string(VORAK_TOOL_LAUNCHER) + " " + quote(VORAK_DB_TOOL);
+    for (const auto& a : args) cmd += " " + quote(a);
+    cmd += " </dev/null >" + quote(mDir.sub("out")) + " 2>" + quote(mDir.sub("err"));
+    const int status = std::system(cmd.c_str());
+    ToolRun r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = slurp(mDir.sub("out"));
+    r.err = slurp(mDir.sub("err"));
+    return r;
+  }
+
+  // A table with the store's schema; each row is (appName, blob).
+  std::string makeDb(const std::string& name, const std::vector<std::pair<std::string, std::string>>& rows) {
+    const std::string path = mDir.sub(name);
+    sqlite3* db = nullptr;
+    EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "CREATE TABLE IF NOT EXISTS Vorak(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB)",
+                 nullptr, nullptr, nullptr);
+    sqlite3_stmt* st = nullptr;
+    sqlite3_prepare_v2(db, "INSERT INTO Vorak(appName, blob) VALUES (?, ?)", -1, &st, nullptr);
+    for (const auto& [app, blob] : rows) {
+      sqlite3_bind_text(st, 1, app.c_str(), -1, SQLITE_TRANSIENT);
+      sqlite3_bind_blob(st, 2, blob.data(), static_cast<int>(blob.size()), SQLITE_TRANSIENT);
+      EXPECT_EQ(sqlite3_step(st), SQLITE_DONE);
+      sqlite3_reset(st);
+    }
+    sqlite3_finalize(st);
+    sqlite3_close(db);
+    return path;
+  }
+
+  static std::string pair64(int64_t a, int64_t b) {
+    std::string s(16, '\0');
+    std::memcpy(&s[0], &a, 8);
+    std::memcpy(&s[8], &b, 8);
+    return s;
+  }
+  static std::string int32(int32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
+  static std::string services(const std::vector<std::string>& names) {
+    std::string s(12 * 256, '\0');
+    for (size_t i = 0; i < names.size(); ++i) std::memcpy(&s[i * 256], names[i].data(), names[i].size());
+    return s;
+  }
+
+  kxtest::TempDir mDir;
+};
+
+TEST_F(VorakDbTool, DecodesEveryRowTypeTakenFromTheFileName) {
+  const auto samples = makeDb("Vorak.db", {{"com.a", pair64(40960, 204800)}, {"com.a", pair64(-1, 0)}});
+  ToolRun r = tool({samples});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("meter samples"));
+  EXPECT_THAT(r.out, HasSubstr("2 rows"));
+  EXPECT_THAT(r.out, HasSubstr("com.a     40960    204800"));
+  EXPECT_THAT(r.out, HasSubstr("com.a        -1         0"));
+
+  const auto needs = makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}});
+  r = tool({needs, "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto j = nlohmann::json::parse(r.out);
+  EXPECT_EQ(j["type"], "needs");
+  EXPECT_EQ(j["rows"][0]["appName"], "com.maps");
+  EXPECT_EQ(j["rows"][0]["ionKgsl"], 150000);
+  EXPECT_EQ(j["rows"][0]["rssSwap"], 380000);
+
+  const auto svc = makeDb("VorakServiceOP.db", {{"com.cam", services({"svc.camera", "svc.codec"})}});
+  r = tool({svc, "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(nlohmann::json::parse(r.out)["rows"][0]["services"],
+            (nlohmann::json{"svc.camera", "svc.codec"}));
+
+  const auto states = makeDb("VorakAppState.db", {{"com.a", int32(2)}, {"com.b", int32(99)}});
+  r = tool({states});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("2 (learnt)"));
+  EXPECT_THAT(r.out, HasSubstr("99 (learn failed)"));
+}
+
+TEST_F(VorakDbTool, InMemoryTablesAreDecodedByTheTypeOption) {
+  std::string fav(4096, '\0');
+  const std::string text = "com.a/com.b//com.c/";
+  std::memcpy(&fav[0], text.data(), text.size());
+  const auto favs = makeDb("copy-of-favourites.db", {{"week_day_2", fav}});
+  ToolRun r = tool({favs});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_THAT(r.err, HasSubstr("cannot tell the row type"));
+  r = tool({favs, "--type", "favourites", "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(nlohmann::json::parse(r.out)["rows"][0]["apps"], (nlohmann::json{"com.a", "com.b", "com.c"}));
+
+  const auto user = makeDb("user.db", {{"com.a", int32(4242)}});
+  r = tool({user, "-t", "user"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("com.a   4242"));
+  EXPECT_EQ(tool({user, "-t", "bogus"}).code, 2);
+}
+
+TEST_F(VorakDbTool, RowsThatDoNotFitTheTypeAreMarkedAndFailTheRun) {
+  const auto db = makeDb("Vorak.db", {{"com.ok", pair64(1, 2)}, {"com.short", std::string(3, 'x')}});
+  const ToolRun r = tool({db});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.out, HasSubstr("!! blob of 3 bytes"));
+  EXPECT_THAT(r.err, HasSubstr("1 of 2 rows"));
+}
+
+TEST_F(VorakDbTool, RejectsBrokenFilesWithOneLine) {
+  const auto valid = makeDb("Vorak.db", {{"com.a", pair64(1, 2)}});
+  // Checkpointed: the table's pages are in the main file, which is then cut.
+  const std::string data = slurp(valid);
+  ASSERT_GT(data.size(), 4096u);
+  std::filesystem::remove(valid + "-wal");
+  std::filesystem::remove(valid + "-shm");
+  const std::string truncated = mDir.write("cut/Vorak.db", data.substr(0, 4096 + 100));
+  std::mt19937 rng(3);
+  std::string noise(8192, '\0');
+  for (char& c : noise) c = static_cast<char>(rng());
+  const std::string random = mDir.write("noise/Vorak.db", noise);
+  const std::string empty = mDir.write("empty/Vorak.db", "");
+
+  for (const auto& path : {truncated, random, empty, mDir.sub("absent/Vorak.db"), mDir.path()}) {
+    const ToolRun r = tool({path});
+    EXPECT_EQ(r.code, 2) << path;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_EQ(r.err.rfind("vorak-db: ", 0), 0u) << r.err;
+  }
+  EXPECT_THAT(tool({random}).err, HasSubstr("not a database"));
+}
+
+TEST_F(VorakDbTool, HelpAndUsage) {
+  ToolRun r = tool({"--help"});
+  EXPECT_EQ(r.code, 0);
+  EXPECT_THAT(r.out, HasSubstr("--type"));
+  r = tool({});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_THAT(r.err, HasSubstr("FILE is required"));
+  EXPECT_EQ(tool({"--frobnicate"}).code, 2);
+}
+
+}  // namespace
