@@ -114,6 +114,10 @@ bool VorakMetaMeter::writeToDataBase(std::vector<Meter*> meters) {
       KXLOGE(kTag, "writeToDataBase() end. Failed @  allocSize != mVorakMeterSamples  ");
       samples.release();
     } else {
+      // Only the first row carries the readings. Any further rows get the
+      // no-value marker 0 in both figures: the store does not clear a fresh
+      // row, and nothing of the heap may reach the table.
+      for (auto* extra : samples.rows()) std::memset(&extra->blob, 0, sizeof(extra->blob));
       auto* row = samples.rows().front();
       row->appName = app;
       row->blob.ionKgsl = reading(getMemoryField(mStartProcMmFields, kIonKgsl));

@@ -139,7 +139,7 @@ TEST_F(VorakAlgoTest, NamesDueAgainAreLeftAsTheyAre) {
   EXPECT_EQ(mState.readState("com.a"), APP_STATE_RELEARN_DUE);
 }
 
-TEST_F(VorakAlgoTest, CancelledRunHandlesOneNameAndWalksNoMore) {
+TEST_F(VorakAlgoTest, CancelledRunRefreshesFavouritesAndServicesHandlesOneNameAndWalksNoMore) {
   // Every listing of a table with more than 1000 names leaves the store's
   // restriction warning, which counts the run's walks over the samples
   // (1001 names are left once the first is learnt).
@@ -148,6 +148,7 @@ TEST_F(VorakAlgoTest, CancelledRunHandlesOneNameAndWalksNoMore) {
     due("com.n" + std::to_string(i));
   }
   put(mServiceInDb, "com.a", 1, [](_vorak_App_Service_In& b) { std::strcpy(b.serviceNames[0], "svc.a"); });
+  put(mFavPidDb, "com.fav", 1, [](_vorak_User_Launched_Data& b) { b.value = 42; });
   kxhost::LogCapture log;
   run(true);
 
@@ -158,6 +159,11 @@ TEST_F(VorakAlgoTest, CancelledRunHandlesOneNameAndWalksNoMore) {
   EXPECT_EQ(log.count("Dbt=Vorak Restrict Cnt to 1000", ANDROID_LOG_WARN), 2u);
   KxDBDataRowKey key("com.a", KXDB_INTCOL_UNSET);
   EXPECT_EQ(mServiceOutDb.getCountDR(key), 1) << "service lists are copied before the loop";
+  KxDBDataRowKey slots("", KXDB_INTCOL_UNSET);
+  auto favourites = mFavSlotDb.readAllocateDR(slots, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  ASSERT_EQ(favourites.size(), 1u) << "favourites are refreshed before the loop";
+  EXPECT_NE(std::strstr(favourites[0]->blob.favoriteApps, "com.fav"), nullptr);
+  mFavSlotDb.deallocateDR(favourites);
 }
 
 TEST_F(VorakAlgoTest, CopiesEachServiceListOnce) {
