@@ -502,9 +502,12 @@ void VorakAction::generateTaskList() {
   if (getWeekdayTimeslot(slot) == 0 && mFavTimeSlotDb != nullptr) {
     auto rows = readRows(mFavTimeSlotDb, slot);
     std::vector<std::string> favorites;
+    // A slot with several rows is reported and its first row still used:
+    // one broken slot should not cost the user every favourite.
     if (rows.size() > 1) {
       KXLOGE("VorakAction", "There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot.");
-    } else if (rows.size() == 1 && rows.front() != nullptr) {
+    }
+    if (!rows.empty() && rows.front() != nullptr) {
       std::istringstream apps(
           fieldText(rows.front()->blob.favoriteApps, sizeof(rows.front()->blob.favoriteApps)));
       for (std::string app; std::getline(apps, app, '/');) {

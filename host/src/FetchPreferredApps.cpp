@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <set>
+#include <sstream>
 #include <vector>
 
 #include "kxdb/KxDatabase.h"
@@ -30,6 +31,19 @@ std::string joinFitting(const std::set<std::string>& names, size_t capacity) {
   return list;
 }
 
+// The slot's earlier favourites, so that a slot remembers every app used in it.
+void addSlotNames(SlotTable* table, const std::string& slot, std::set<std::string>& names) {
+  KxDBDataRowKey key(slot, 0);
+  SlotTable::vecT rows = table->readAllocateDR(key, 1, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  if (!rows.empty()) {
+    const char* list = rows[0]->blob.favoriteApps;
+    std::istringstream apps(std::string(list, strnlen(list, sizeof rows[0]->blob.favoriteApps)));
+    for (std::string app; std::getline(apps, app, '/');)
+      if (!app.empty()) names.insert(app);
+  }
+  table->deallocateDR(rows);
+}
+
 void writeSlot(SlotTable* table, const std::string& slot, const std::string& list) {
   KxDBDataRowKey key(slot, 0);
   SlotTable::vecT rows = table->readAllocateDR(key, 1, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
@@ -41,6 +55,22 @@ void writeSlot(SlotTable* table, const std::string& slot, const std::string& lis
   std::memset(rows[0]->blob.favoriteApps, 0, sizeof rows[0]->blob.favoriteApps);
   std::memcpy(rows[0]->blob.favoriteApps, list.data(), list.size());
   table->writeDeallocateDR(rows);
+}
+
+// Adds the app's row to `to` from its one row in `from`, unless `to` has one.
+void seedRow(UserTable* to, UserTable* from, const std::string& app) {
+  KxDBDataRowKey key(app, 0);
+  if (to->getCountDR(key) != 0) return;
+  UserTable::vecT source = from->readAllocateDR(key, 2, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  if (source.size() == 1) {
+    UserTable::vecT rows = to->allocateDR(1);
+    if (!rows.empty()) {
+      rows[0]->appName = app;
+      rows[0]->blob = source[0]->blob;
+      to->writeDeallocateDR(rows);
+    }
+  }
+  from->deallocateDR(source);
 }
 
 }  // namespace
@@ -65,5 +95,10 @@ void FetchPreferredApps::populateFavoriteApps(UserTable* userLaunched, UserTable
   std::time_t now = std::time(nullptr);
   std::tm local;
   if (localtime_r(&now, &local) == nullptr) return;
-  writeSlot(favTimeSlot, timeSlotKey(local), joinFitting(names, sizeof(_vorak_Favorite_Time_Slot_Data::favoriteApps)));
+  const std::string slot = timeSlotKey(local);
+  const std::set<std::string> current = names;
+  addSlotNames(favTimeSlot, slot, names);
+  writeSlot(favTimeSlot, slot, joinFitting(names, sizeof(_vorak_Favorite_Time_Slot_Data::favoriteApps)));
+  if (userLaunched != nullptr && userLaunched2 != nullptr)
+    for (const std::string& app : current) seedRow(userLaunched, userLaunched2, app);
 }

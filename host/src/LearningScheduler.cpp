@@ -36,17 +36,25 @@ void LearningScheduler::stop() {
 
 bool LearningScheduler::runOnce() {
   std::lock_guard<std::mutex> lock(mRunMutex);
-  if (mFeature->isDisabled() || !due()) return false;
+  if (mFeature->isDisabled()) return false;
+  queueRelearning();
+  if (!due()) return false;
   mFeature->runAsyncIdle(mCancel);
   markLearnt();
   return true;
 }
 
+// A learnt name whose samples filled up again is learnt afresh from them:
+// the feature learns only names in state 1, and a name left in 3 would keep
+// the thread running full passes that learn nothing while its samples grow.
+void LearningScheduler::queueRelearning() {
+  for (const std::string& name : mState.names())
+    if (mState.readState(name) == APP_STATE_RELEARN_DUE) mState.writeState(name, APP_STATE_LEARNING_DUE);
+}
+
 bool LearningScheduler::due() {
-  for (const std::string& name : mState.names()) {
-    AppState s = mState.readState(name);
-    if (s == APP_STATE_LEARNING_DUE || s == APP_STATE_RELEARN_DUE) return true;
-  }
+  for (const std::string& name : mState.names())
+    if (mState.readState(name) == APP_STATE_LEARNING_DUE) return true;
   return false;
 }
 

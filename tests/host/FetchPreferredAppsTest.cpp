@@ -40,10 +40,10 @@ class FavouritesTest : public ::testing::Test {
     ASSERT_EQ(mSlots.KxDatabaseInit(), KXDB_SUCCESS);
   }
 
-  static void addUser(UserTable& table, const std::string& app) {
+  static void addUser(UserTable& table, const std::string& app, int value = 1) {
     UserTable::vecT rows = table.allocateDR(1);
     rows[0]->appName = app;
-    rows[0]->blob.value = 1;
+    rows[0]->blob.value = value;
     table.writeDeallocateDR(rows);
   }
 
@@ -53,6 +53,16 @@ class FavouritesTest : public ::testing::Test {
     std::memset(rows[0]->blob.favoriteApps, 0, sizeof rows[0]->blob.favoriteApps);
     std::strcpy(rows[0]->blob.favoriteApps, apps.c_str());
     mSlots.writeDeallocateDR(rows);
+  }
+
+  // Every row of a user-launched table as "app=value", in row order.
+  static std::vector<std::string> users(UserTable& table) {
+    KxDBDataRowKey all;
+    UserTable::vecT rows = table.readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+    std::vector<std::string> out;
+    for (auto* r : rows) out.push_back(r->appName + "=" + std::to_string(r->blob.value));
+    table.deallocateDR(rows);
+    return out;
   }
 
   // Every slot row as "key:apps", in row order.
@@ -96,7 +106,19 @@ TEST_F(FavouritesTest, AppsOfBothUserTablesBecomeTheCurrentSlotsFavourites) {
   EXPECT_EQ(slots(), std::vector<std::string>{slot + ":com.a/com.b/com.c"});
 }
 
-TEST_F(FavouritesTest, TheSlotsRowIsUpdatedInPlaceAndOtherSlotsKept) {
+TEST_F(FavouritesTest, FavouritesMissingFromTheFirstTableGetTheirRowFromTheSecond) {
+  addUser(mUser, "com.a", 10);
+  addUser(mStartProc, "com.a", 11);
+  addUser(mStartProc, "com.b", 20);
+  addUser(mStartProc, "com.twice", 30);
+  addUser(mStartProc, "com.twice", 31);
+  populate();
+  EXPECT_EQ(users(mUser), (std::vector<std::string>{"com.a=10", "com.b=20"}))
+      << "an existing row keeps its pid; a name with two rows has no pid to take";
+  EXPECT_EQ(users(mStartProc).size(), 4u) << "the second table is only read";
+}
+
+TEST_F(FavouritesTest, TheSlotKeepsEarlierFavouritesInPlaceAndOtherSlotsAlone) {
   std::string slot = currentSlot();
   std::string other = slot == "week_day_1" ? "week_end_1" : "week_day_1";
   addSlot(other, "com.old");
@@ -108,7 +130,7 @@ TEST_F(FavouritesTest, TheSlotsRowIsUpdatedInPlaceAndOtherSlotsKept) {
   std::vector<std::string> rows = slots();
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(rows[0], other + ":com.old");
-  EXPECT_EQ(rows[1], slot + ":com.a/com.b");
+  EXPECT_EQ(rows[1], slot + ":com.a/com.b/com.stale");
 }
 
 TEST_F(FavouritesTest, NothingIsWrittenWithoutApplicationsAndLongListsStayWithinTheRow) {

@@ -93,10 +93,13 @@ TEST_F(LearningSchedulerTest, RunsOnlyWhenANameIsDue) {
   EXPECT_FALSE(scheduler.runOnce());
   EXPECT_EQ(mFeature.algo->runs, 0);
 
-  mState.writeState("relearn", APP_STATE_RELEARN_DUE);
+  // Samples complete again after learning: learnt afresh, then learnt.
+  mState.writeState("learnt", APP_STATE_RELEARN_DUE);
   EXPECT_TRUE(scheduler.runOnce());
   EXPECT_EQ(mFeature.algo->runs, 1);
-  EXPECT_EQ(mState.readState("relearn"), APP_STATE_RELEARN_DUE);
+  EXPECT_TRUE(mFeature.algo->hasRow("learnt"));
+  EXPECT_EQ(mState.readState("learnt"), APP_STATE_LEARNT);
+  EXPECT_FALSE(scheduler.runOnce()) << "nothing is due once the name is learnt again";
 }
 
 TEST_F(LearningSchedulerTest, DueNameBecomesLearntOnceItsRowExists) {

@@ -537,16 +537,20 @@ TEST_F(VorakActionTest, FavouritesAndUserLaunchedAppsGoAfterTheBackground) {
   for (pid_t pid : {bg, fav, user, favMissing}) EXPECT_TRUE(killed(pid));
 }
 
-TEST_F(VorakActionTest, DuplicateSlotRowsMeanNoFavourites) {
+TEST_F(VorakActionTest, DuplicateSlotRowsAreReportedAndTheFirstIsUsed) {
   const pid_t fav = background(40000);
+  const pid_t other = background(50000);
   putSlot("week_end_1", "com.fav");
-  putSlot("week_end_1", "com.fav");
+  putSlot("week_end_1", "com.other");
   putPid(mFavPid, "com.fav", fav);
+  putPid(mFavPid, "com.other", other);
   VorakAction& a = action();
   a.generateTaskList();
   EXPECT_TRUE(mLog.contains("There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot."));
-  EXPECT_TRUE(a.favoriteList().empty());
-  EXPECT_EQ(a.backgroundList().size(), 1u);
+  ASSERT_EQ(a.favoriteList().size(), 1u);
+  EXPECT_EQ(a.favoriteList().begin()->second, fav);
+  ASSERT_EQ(a.backgroundList().size(), 1u);
+  EXPECT_EQ(a.backgroundList().begin()->second, other);
 }
 
 TEST_F(VorakActionTest, TimeSlotKeysTurnAtTheirHours) {

@@ -35,13 +35,15 @@ class LearningScheduler {
   // Sets the cancellation flag that the run in progress sees, wakes the
   // thread and joins it. A no-op when not started.
   void stop();
-  // One pass on the caller's thread: when some name is due (state 1 or 3)
-  // and the feature is enabled, runs feature->runAsyncIdle(cancel), then
-  // moves every name in state 1 whose learnt row exists to 2. Returns
-  // whether a run happened.
+  // One pass on the caller's thread, when the feature is enabled: moves
+  // every name in state 3 back to 1 (relearning from the samples gathered
+  // since it was learnt); when some name is then in state 1, runs
+  // feature->runAsyncIdle(cancel) and moves every name in state 1 whose
+  // learnt row exists to 2. Returns whether a run happened.
   bool runOnce();
 
  private:
+  void queueRelearning();
   bool due();
   void markLearnt();
   void loop();
