@@ -15,41 +15,19 @@
 #include <nlohmann/json.hpp>
 
 #include "support/TempDir.h"
+#include "support/ToolRun.h"
 
 namespace {
 
+using kxtest::slurp;
+using kxtest::ToolRun;
 using testing::HasSubstr;
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-std::string quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-struct ToolRun {
-  int code = -1;
-  std::string out, err;
-};
 
 class VorakDbTool : public ::testing::Test {
  protected:
-  ToolRun tool(const std::vector<std::string>& args) {
-    std::string cmd = std::string(VORAK_TOOL_LAUNCHER) + " " + quote(VORAK_DB_TOOL);
-    for (const auto& a : args) cmd += " " + quote(a);
-    cmd += " </dev/null >" + quote(mDir.sub("out")) + " 2>" + quote(mDir.sub("err"));
-    const int status = std::system(cmd.c_str());
-    ToolRun r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = slurp(mDir.sub("out"));
-    r.err = slurp(mDir.sub("err"));
-    return r;
+  ToolRun tool(std::vector<std::string> args) {
+    args.insert(args.begin(), VORAK_DB_TOOL);
+    return kxtest::runTool(mDir, VORAK_TOOL_LAUNCHER, args);
   }
 
   // A table with the store's schema; each row is (appName, blob).

@@ -12,17 +12,14 @@
 
 #include "Vorak.pb.h"
 #include "support/TempDir.h"
+#include "support/ToolRun.h"
 
 namespace {
 
-const char* const kClasses[] = {"2GB", "4GB", "6GB"};
+using kxtest::slurp;
+using kxtest::ToolRun;
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+const char* const kClasses[] = {"2GB", "4GB", "6GB"};
 
 std::string stagedModel(const std::string& cls) {
   return std::string(VORAK_DEVICE_ROOT) + "/vendor/etc/kx/vorak/vorak_" + cls + ".data";
@@ -32,48 +29,17 @@ std::string sourceModel(const std::string& cls) {
   return std::string(VORAK_MODEL_SOURCE_DIR) + "/vorak_" + cls + ".txtpb";
 }
 
-std::string quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-struct ToolRun {
-  int code = -1;
-  std::string out;
-  std::string err;
-};
-
 class VorakModelTool : public ::testing::Test {
  protected:
-  // Runs `argv` through the shell with stdin from `in` (or /dev/null).
-  ToolRun runCommand(const std::vector<std::string>& argv, const std::string& in = "/dev/null") {
-    std::string cmd;
-    for (const auto& a : argv) cmd += quote(a) + " ";
-    const std::string out = mDir.sub("run.out");
-    const std::string err = mDir.sub("run.err");
-    cmd += "<" + quote(in) + " >" + quote(out) + " 2>" + quote(err);
-    ToolRun r;
-    const int status = std::system(cmd.c_str());
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = slurp(out);
-    r.err = slurp(err);
-    return r;
-  }
-
   ToolRun tool(std::vector<std::string> args, const std::string& in = "/dev/null") {
-    std::vector<std::string> argv;
-    std::istringstream launcher(VORAK_TOOL_LAUNCHER);
-    for (std::string w; launcher >> w;) argv.push_back(w);
-    argv.push_back(VORAK_MODEL_TOOL);
-    argv.insert(argv.end(), args.begin(), args.end());
-    return runCommand(argv, in);
+    args.insert(args.begin(), VORAK_MODEL_TOOL);
+    return kxtest::runTool(mDir, VORAK_TOOL_LAUNCHER, args, in);
   }
 
   ToolRun protocDecode(const std::string& in) {
     const std::string proto = VORAK_PROTO_FILE;
     const std::string dir = proto.substr(0, proto.rfind('/'));
-    return runCommand({VORAK_TEST_PROTOC, "--decode=VorakModel", "-I", dir, proto}, in);
+    return kxtest::runTool(mDir, "", {VORAK_TEST_PROTOC, "--decode=VorakModel", "-I", dir, proto}, in);
   }
 
   static VorakModel shipped(const std::string& cls) {
