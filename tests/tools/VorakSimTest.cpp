@@ -100,6 +100,26 @@ TEST_F(VorakSim, KillsTheExpectedVictimsAndLeavesDatabasesVorakDbCanRead) {
   }
 }
 
+TEST_F(VorakSim, TheBuiltInDayLearnsTheTrueNeedsAndCoversWhatItAsks) {
+  const std::string runDir = mDir.sub("day");
+  const ToolRun r = sim({"--run-dir", runDir, "--json"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  const json summary = json::parse(r.out)["summary"];
+  EXPECT_GE(summary["appsLearnt"].get<int>(), 10);
+  EXPECT_LT(summary["meanLearntErrorPct"].get<double>(), 10.0);
+  EXPECT_GT(summary["askingLaunches"].get<int>(), 0);
+  EXPECT_EQ(summary["coveredLaunches"], summary["askingLaunches"]);
+  EXPECT_GT(summary["killsFavourite"].get<int>(), 0) << "favourites of the slot are found among running apps";
+
+  // Every file the plug-in and the host left decodes.
+  const std::string kx = runDir + "/data/vendor/kx/";
+  for (const char* f : {"Vorak.db", "Vorakaction.db", "VorakServiceIP.db", "VorakServiceOP.db", "VorakAppState.db"}) {
+    const ToolRun db = run(VORAK_DB_TOOL, {kx + f});
+    EXPECT_EQ(db.code, 0) << f << ": " << db.err;
+    EXPECT_FALSE(db.out.empty()) << f;
+  }
+}
+
 TEST_F(VorakSim, RejectsBrokenScenariosWithOneLine) {
   const std::string full = slurp(std::string(VORAK_TEST_DATA) + "/evict-one.json");
   const std::string cut = mDir.write("cut.json", full.substr(0, full.size() / 2));
