@@ -20,6 +20,7 @@
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
 #include "VorakFeature.h"
+#include "WallClock.h"
 #include "kxdb/KxLog.h"
 
 namespace {
@@ -31,7 +32,6 @@ constexpr const char* kModelPrefix = "/vendor/etc/kx/vorak/vorak_";
 // preparation hint. The hub delivers both hints on its one thread.
 bool sLaunchHandled = false;
 
-std::atomic<VorakAction::ClockFn> sClock{nullptr};
 std::atomic<VorakAction::PauseFn> sPause{nullptr};
 
 // Background processes, by the host's kill-priority range (oom_score_adj).
@@ -176,7 +176,6 @@ void VorakAction::loadModel() {
 
 bool VorakAction::traceOn() const { return mFeature.isTraceVorak(); }
 
-void VorakAction::setClock(ClockFn fn) { sClock.store(fn); }
 void VorakAction::setPause(PauseFn fn) { sPause.store(fn); }
 
 void VorakAction::clearAllMaps() {
@@ -452,8 +451,7 @@ float VorakAction::decideKill(std::string appName) {
 }
 
 int VorakAction::getWeekdayTimeslot(std::string& slotKey) {
-  ClockFn clock = sClock.load();
-  const time_t now = clock != nullptr ? clock(nullptr) : time(nullptr);
+  const time_t now = kxhost::wallTime();
   struct tm local;
   if (localtime_r(&now, &local) == nullptr) {
     KXLOGE("VorakAction",

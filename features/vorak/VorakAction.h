@@ -73,11 +73,9 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   void updateAppServices(const std::string& appName);
   float getNonRAMServicesMemory(const std::string& appName);
 
-  // Time seams, process-wide: the clock behind the slot key and the pause
-  // between kill bursts. Null restores time() and usleep().
-  using ClockFn = time_t (*)(time_t*);
+  // Time seam, process-wide: the pause between kill bursts. Null restores
+  // usleep(). The slot key reads the host's wall clock.
   using PauseFn = int (*)(useconds_t);
-  static void setClock(ClockFn fn);
   static void setPause(PauseFn fn);
 
   // Read-only views for diagnostics and tests.

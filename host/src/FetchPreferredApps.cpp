@@ -5,6 +5,7 @@
 #include <sstream>
 #include <vector>
 
+#include "WallClock.h"
 #include "kxdb/KxDatabase.h"
 #include "kxdb/VorakRecords.h"
 
@@ -92,7 +93,7 @@ void FetchPreferredApps::populateFavoriteApps(UserTable* userLaunched, UserTable
   addNames(userLaunched2, names);
   if (names.empty()) return;
 
-  std::time_t now = std::time(nullptr);
+  std::time_t now = kxhost::wallTime();
   std::tm local;
   if (localtime_r(&now, &local) == nullptr) return;
   const std::string slot = timeSlotKey(local);

@@ -31,6 +31,7 @@
 #include "Vorak.pb.h"
 #include "VorakAction.h"
 #include "VorakFeature.h"
+#include "WallClock.h"
 #include "kxhost/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -208,7 +209,7 @@ class VorakActionTest : public ::testing::Test {
     setenv("TZ", "UTC0", 1);
     tzset();
     gNow = 1704535200;
-    VorakAction::setClock(fixedClock);
+    kxhost::setWallClock(fixedClock);
 
     FeatureInfo info;
     info.name = "Vorak";
@@ -223,7 +224,7 @@ class VorakActionTest : public ::testing::Test {
     mAction.reset();
     mFeature.reset();
     VorakAction::setPause(nullptr);
-    VorakAction::setClock(nullptr);
+    kxhost::setWallClock(nullptr);
     gCapture = nullptr;
     kxhost::setStatsSource(nullptr);
     kxhost::ServiceRegistry::instance().clear();

@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -18,6 +20,7 @@
 #include "FsRoot.h"
 #include "Properties.h"
 #include "StatsProvider.h"
+#include "WallClock.h"
 #include "VorakDbFile.h"
 #include "kxhost/LogCapture.h"
 
@@ -37,6 +40,29 @@ constexpr int32_t kLaunchType = 2;
 constexpr int kForegroundAdj = 0;
 constexpr int kPreviousAdj = 700;
 constexpr int kCachedAdj = 900;
+
+// The wall clock of the simulated device: the simulated day is a Monday, so
+// its time slots are the weekday ones, and they turn with the simulated
+// hours rather than with the few seconds the run takes.
+std::atomic<time_t> gSimTime{0};
+
+time_t simulatedClock(time_t* out) {
+  const time_t now = gSimTime.load();
+  if (out != nullptr) *out = now;
+  return now;
+}
+
+void setSimulatedTime(double secondsIntoDay) {
+  static const time_t midnight = [] {
+    std::tm monday{};
+    monday.tm_year = 2026 - 1900;
+    monday.tm_mon = 10;  // November
+    monday.tm_mday = 23;
+    monday.tm_isdst = -1;
+    return std::mktime(&monday);
+  }();
+  gSimTime.store(midnight + static_cast<time_t>(secondsIntoDay));
+}
 
 volatile std::sig_atomic_t gStop = 0;
 
@@ -101,6 +127,7 @@ Simulator::Simulator(Scenario scenario, SimOptions options)
 Simulator::~Simulator() {
   // The feature first, so that no thread of it reads statistics or logs any more.
   mHost.reset();
+  kxhost::setWallClock(nullptr);
   kxhost::setLogSink(nullptr);
   kxhost::setStatsSource(nullptr);
   mPool.stopAll();
@@ -160,6 +187,8 @@ Report Simulator::run() {
   mReport.totalKB = mScenario.device.totalKB;
   mReport.runDir = mOptions.runDir;
   mLog->take();
+  setSimulatedTime(0);
+  kxhost::setWallClock(simulatedClock);
 
   for (const auto& e : mScenario.events) {
     if (gStop) {
@@ -168,6 +197,7 @@ Report Simulator::run() {
     }
     mNow = e.at;
     mLog->setClock(e.at);
+    setSimulatedTime(e.at);
     play(e);
     const DeviceModel m = mDevice->snapshot();
     mReport.addPoint({e.at, m.freeKB(), m.availableKB()});
