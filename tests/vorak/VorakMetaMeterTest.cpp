@@ -250,6 +250,20 @@ TEST_F(VorakMetaMeterTest, StoresTwelveOfFifteenServicesAndSamplesAsManyNames) {
   for (int i = 0; i < 15; ++i) EXPECT_EQ(samplesOf(names[i]).size(), i < 12 ? 1u : 0u) << names[i];
 }
 
+TEST_F(VorakMetaMeterTest, QueriedNamesPairWithThePidsOfTheStoredList) {
+  const int stored = mSleepers.start();
+  setServices("com.a", {"svc.first"}, {stored});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+  ASSERT_EQ(samplesOf("svc.first").size(), 1u);
+
+  // The app now reports another service: its pids still come from the
+  // stored first list, and the fresh name is paired with them.
+  setServices("com.a", {"svc.now"}, {});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+  EXPECT_EQ(samplesOf("svc.now"), (std::vector<Sample>{{10, 1000}}));
+  EXPECT_EQ(samplesOf("svc.first").size(), 1u);
+}
+
 TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListCuttingLongNames) {
   const std::string longName(300, 'x');
   setServices("com.a", {"svc.a", longName, "svc.c"}, {});
