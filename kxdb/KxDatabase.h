@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <exception>
+#include <list>
 #include <mutex>
 #include <new>
 #include <string>
@@ -87,7 +88,8 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   void transactionStep(const char* sql);
   void beginImmediate() { transactionStep("BEGIN IMMEDIATE TRANSACTION;"); }
   void commit() { transactionStep("COMMIT TRANSACTION;"); }
-  bool takeCachedRow(Row** row);
+  bool takeCachedRow(std::list<Row*>& written);
+  static void freeWritten(std::list<Row*>& written);
   void writeRow(Row* row, sqlite3_stmt* insert, sqlite3_stmt* update);
   static void fillRow(Row* row, sqlite3_stmt* stmt);
 
@@ -427,14 +429,15 @@ void KxDatabase<T>::transactionStep(const char* sql) {
   sqlite3_free(err);
 }
 
-// Takes the head of the cache; the lock covers one row only, so other
-// threads keep caching while a write-back runs.
+// Moves the head of the cache, node and all, to the tail of `written`. The
+// lock covers one row only, so other threads keep caching while a
+// write-back runs; relinking the node instead of freeing it here and
+// growing another container keeps the per-row cost to the row's write.
 template <typename T>
-bool KxDatabase<T>::takeCachedRow(Row** row) {
+bool KxDatabase<T>::takeCachedRow(std::list<Row*>& written) {
   std::lock_guard<std::mutex> lock(this->mCacheMutex);
   if (this->mCacheList.empty()) return false;
-  *row = this->mCacheList.front();
-  this->mCacheList.pop_front();
+  written.splice(written.end(), this->mCacheList, this->mCacheList.begin());
   return true;
 }
 
@@ -461,10 +464,18 @@ void KxDatabase<T>::writeRow(Row* row, sqlite3_stmt* insert, sqlite3_stmt* updat
   if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
 }
 
+// Rows stay alive until every statement that may still point at them (the
+// bindings are kept from row to row) has been finalized.
+template <typename T>
+void KxDatabase<T>::freeWritten(std::list<Row*>& written) {
+  for (Row* row : written) delete row;
+  written.clear();
+}
+
 template <typename T>
 kxdbError KxDatabase<T>::writeCachedDRToDisk() {
   if (mDb == nullptr) return KXDB_SUCCESS;
-  std::vector<Row*> written;
+  std::list<Row*> written;
   try {
     std::lock_guard<std::mutex> writeLock(mWriteMutex);
     // A failed preparation keeps the cache for the next write-back. Unlike a
@@ -483,24 +494,20 @@ kxdbError KxDatabase<T>::writeCachedDRToDisk() {
       return KXDB_FAILURE;
     }
     beginImmediate();
-    Row* row = nullptr;
-    while (takeCachedRow(&row)) {
-      written.push_back(row);
-      writeRow(row, insert.get(), update.get());
-    }
+    while (takeCachedRow(written)) writeRow(written.back(), insert.get(), update.get());
     commit();
     int rcUpdate = update.finalize();
     if (rcUpdate != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rcUpdate);
     int rcInsert = insert.finalize();
     if (rcInsert != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rcInsert);
-    for (Row* r : written) delete r;
+    freeWritten(written);
     return rcUpdate == SQLITE_OK && rcInsert == SQLITE_OK ? KXDB_SUCCESS : KXDB_FAILURE;
   } catch (const std::exception& e) {
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
   } catch (...) {
     KXLOGE("KXDB", "Caught Exception in %s", __func__);
   }
-  for (Row* r : written) delete r;
+  freeWritten(written);
   return KXDB_SUCCESS;
 }
 

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <thread>
@@ -109,21 +110,6 @@ TEST_F(KxDatabaseTest, CachedRowsAreInvisibleUntilWrittenBack) {
   EXPECT_EQ(mDb.getCountDR(key), 1);
 }
 
-TEST_F(KxDatabaseTest, DeleteGivenRowsSkipsRowsNeverStored) {
-  putSample(mDb, "keep", 1, 1);
-  putSample(mDb, "gone", 2, 2);
-  KxDBDataRowKey key("gone", 0);
-  auto rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  auto fresh = mDb.allocateDR(1);  // rowid 0: must not delete rowid 0 or anything else
-  rows.push_back(fresh[0]);
-  rows.push_back(nullptr);
-  EXPECT_EQ(mDb.deleteDeallocateDR(rows), 3);
-  EXPECT_TRUE(rows.empty());
-  auto left = all();
-  ASSERT_EQ(left.size(), 1u);
-  EXPECT_EQ(left[0].first, "keep");
-}
-
 TEST(KxDatabaseClosed, OperationsOnAStoreNotOpenDoNothingAndKeepTheCache) {
   kxhost::LogCapture log;
   {
@@ -172,8 +158,49 @@ TEST(KxDatabaseConcurrency, TwoThreadsCachingAndWritingBackWriteEveryRowOnce) {
 
 class KxDatabaseFileTest : public ::testing::Test {
  protected:
+  // Runs SQL on the file through a connection of its own, as another
+  // writer of the same database would.
+  void execDirect(const std::string& file, const std::string& sql) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open_v2(mRoot.dbPath(file).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+    char* err = nullptr;
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err), SQLITE_OK) << (err != nullptr ? err : "");
+    sqlite3_free(err);
+    sqlite3_close(db);
+  }
+
   DeviceRoot mRoot;
 };
+
+// A row that comes back with rowid 0 is taken for one never stored, even
+// when the table does hold a row under rowid 0: deleting it must not touch
+// that row.
+TEST_F(KxDatabaseFileTest, DeleteGivenRowsSkipsRowsWithRowidZero) {
+  MeterDb db(0, "Vorak.db", "Vorak");
+  ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
+  putSample(db, "keep", 1, 1);
+  putSample(db, "gone", 2, 2);
+  execDirect("Vorak.db", "INSERT INTO Vorak(rowid, appName, blob) VALUES (0, 'zero', zeroblob(16))");
+
+  KxDBDataRowKey gone("gone", 0), zero("zero", 0);
+  auto rows = db.readAllocateDR(gone, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  auto stored0 = db.readAllocateDR(zero, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  ASSERT_EQ(rows.size(), 1u);
+  ASSERT_EQ(stored0.size(), 1u);
+  EXPECT_EQ(stored0[0]->rowid, 0);
+  rows.push_back(stored0[0]);
+  rows.push_back(db.allocateDR(1)[0]);  // fresh, never stored
+  rows.push_back(nullptr);
+  EXPECT_EQ(db.deleteDeallocateDR(rows), 4);
+  EXPECT_TRUE(rows.empty());
+
+  KxDBDataRowKey any;
+  auto left = db.readAllocateDR(any, 0, KXDB_ORDER_BY_APPNAME, KXDB_DIR_ASC);
+  std::vector<std::string> names;
+  for (auto* r : left) names.push_back(r->appName);
+  db.deallocateDR(left);
+  EXPECT_EQ(names, (std::vector<std::string>{"keep", "zero"}));
+}
 
 TEST_F(KxDatabaseFileTest, RowsSurviveCloseAndReopenInWalMode) {
   {
@@ -224,6 +251,42 @@ TEST_F(KxDatabaseFileTest, FileIsAnOrdinarySqliteDatabaseWithTheSpecifiedSchemaA
   EXPECT_EQ(shell(std::string(SQLITE3_SHELL) + " " + file +
                   " \"SELECT appName, quote(intcol1), quote(rsvdName), hex(blob) FROM Vorak\""),
             "com.a|NULL|NULL|0807060504030201FFFFFFFFFFFFFFFF\n");
+}
+
+// Blobs of each size as another program reads them: native little-endian
+// fields, no header, service names in 256-byte slots.
+TEST_F(KxDatabaseFileTest, BlobsDecodeLittleEndianAtTheirFixedSizes) {
+  {
+    KxDatabase<_vorak_User_Launched_Data> user(0, "Blobs.db", "User");
+    ASSERT_EQ(user.KxDatabaseInit(), KXDB_SUCCESS);
+    auto rows = user.allocateDR(1);
+    rows[0]->appName = "com.a";
+    rows[0]->blob.value = 0x11223344;
+    user.writeDeallocateDR(rows);
+
+    KxDatabase<_vorak_Feature_Action_Data> action(0, "Blobs.db", "Action");
+    ASSERT_EQ(action.KxDatabaseInit(), KXDB_SUCCESS);
+    auto needs = action.allocateDR(1);
+    needs[0]->appName = "com.a";
+    needs[0]->blob = {0x0102030405060708, -2};
+    action.writeDeallocateDR(needs);
+
+    KxDatabase<_vorak_App_Service_Out> services(0, "Blobs.db", "Service");
+    ASSERT_EQ(services.KxDatabaseInit(), KXDB_SUCCESS);
+    auto deps = services.allocateDR(1);
+    deps[0]->appName = "com.a";
+    std::memset(&deps[0]->blob, 0, sizeof deps[0]->blob);
+    std::strcpy(deps[0]->blob.serviceNames[0], "svc.one");
+    std::strcpy(deps[0]->blob.serviceNames[1], "b");
+    services.writeDeallocateDR(deps);
+  }
+  const std::string query = std::string(SQLITE3_SHELL) + " " + mRoot.dbPath("Blobs.db") + " ";
+  EXPECT_EQ(shell(query + "\"SELECT length(blob), hex(blob) FROM User\""), "4|44332211\n");
+  EXPECT_EQ(shell(query + "\"SELECT length(blob), hex(blob) FROM Action\""),
+            "16|0807060504030201FEFFFFFFFFFFFFFF\n");
+  const std::string firstSlot = "7376632E6F6E65" + std::string(2 * (256 - 7), '0');  // "svc.one", NUL-padded
+  EXPECT_EQ(shell(query + "\"SELECT length(blob), hex(substr(blob, 1, 256)), hex(substr(blob, 257, 2)) FROM Service\""),
+            "3072|" + firstSlot + "|6200\n");
 }
 
 }  // namespace
