@@ -613,12 +613,75 @@ TEST_F(VorakActionTest, RunningServicesOfTheAppAreCollected) {
   kxhost::ServiceRegistry::instance().setServicePid("vendor.cam", svc);
   putServices("com.cam", {"vendor.cam", "vendor.dead"});
   VorakAction& a = action();
+  learn(a, "vendor.dead", 100000, 5000);
   a.updateAppServices("com.cam");
   EXPECT_EQ(a.appServicePids(), std::unordered_set<int>{svc});
   EXPECT_TRUE(mLog.contains("AppName = com.cam, service Name = vendor.cam service PID = " + std::to_string(svc)));
   EXPECT_TRUE(mLog.contains("inRAMServiceSet size for AppName = com.cam is 1"));
-  // Every listed service is accounted for by name.
+  // Every listed service is accounted for by name, the one not running
+  // too, learnt needs or not.
   EXPECT_EQ(a.getNonRAMServicesMemory("com.cam"), 0);
+}
+
+// The service pass asks for the app's services not accounted for (none, as
+// every listed one is) less what the first pass freed beyond its budget.
+const char* const kServiceLine =
+    "(Service - appName,hintID,memoryToGenerate,memoryGenerated, surplusServiceMemory) = ";
+
+TEST_F(VorakActionTest, ServicePassStaysIdleWhenTheLaunchWasCovered) {
+  // Budget 30000; the first pass frees 40000.
+  const pid_t first = background(40000), spare = background(45000);
+  const pid_t running = mChildren.spawn();
+  ASSERT_GT(running, 0);
+  kxhost::ServiceRegistry::instance().setServicePid("vendor.cam", running);
+  putServices("com.cam", {"vendor.cam", "vendor.hal"});
+  VorakAction& a = action();
+  learn(a, "com.cam", 320000, 100000);
+  // A service that is not running, with learnt needs that would take the
+  // spare candidate too if they were counted.
+  learn(a, "vendor.hal", 100000, 0);
+
+  a.applyAction(hint(4162));
+  a.applyAction(hint(4225, 2, "com.cam"));
+  EXPECT_EQ(killOrder(mLog), std::vector<std::string>{entry("bg", first, 40000)});
+  EXPECT_TRUE(mLog.contains(std::string(kServiceLine) + "(com.cam ,4225, 0.000000, 0.000000, 10000.000000)"));
+  EXPECT_FLOAT_EQ(a.surplus(), 10000);
+  EXPECT_EQ(a.backgroundList().size(), 1u);
+  EXPECT_TRUE(killed(first));
+  EXPECT_FALSE(killed(spare));
+  EXPECT_FALSE(mChildren.killedByAction(running));
+}
+
+TEST_F(VorakActionTest, ServicePassTakesUpTheShortfallWhereTheFirstPassStopped) {
+  // Budget 100000, more than the candidates hold: the spared service, the
+  // background processes, then the slot's favourite.
+  const pid_t service = background(200000);
+  const pid_t large = background(30000), small = background(20000), fav = background(15000);
+  kxhost::ServiceRegistry::instance().setServicePid("vendor.media", service);
+  putServices("com.short", {"vendor.media", "vendor.hal"});
+  putSlot("week_end_1", "com.fav");
+  putPid(mFavPid, "com.fav", fav);
+  VorakAction& a = action();
+  learn(a, "com.short", 390000, 100000);
+  learn(a, "vendor.hal", 100000, 0);
+
+  a.applyAction(hint(4162));
+  a.applyAction(hint(4225, 2, "com.short"));
+  const std::vector<std::string> firstPass = {entry("bg", large, 30000), entry("bg", small, 20000),
+                                              entry("Fav", fav, 15000)};
+  EXPECT_EQ(killOrder(mLog), firstPass);
+  EXPECT_TRUE(mLog.contains(
+      "(appName,hintID,memoryToGenerate,memoryGenerated, surplusMemory) = (com.short ,4225, 100000.000000, "
+      "65000.000000, -35000.000000)"));
+  // The second pass wants the 35000 still missing, finds the lists used up
+  // and kills nothing more; the shortfall stands.
+  EXPECT_TRUE(
+      mLog.contains(std::string(kServiceLine) + "(com.short ,4225, 35000.000000, 0.000000, -35000.000000)"));
+  EXPECT_FLOAT_EQ(a.surplus(), -35000);
+  EXPECT_TRUE(a.backgroundList().empty());
+  EXPECT_TRUE(a.favoriteList().empty());
+  for (pid_t pid : {large, small, fav}) EXPECT_TRUE(killed(pid));
+  EXPECT_FALSE(killed(service));
 }
 
 // ----------------------------------------------------------------- end to end

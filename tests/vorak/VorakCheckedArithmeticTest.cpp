@@ -149,6 +149,34 @@ TEST(VorakCheckedAdd, FoldsFromTheLastArgument) {
   EXPECT_EQ(A::checkAndAdd(1.0f, 2e9f, 2e9f), -1.0f);
 }
 
+TEST(VorakCheckedAdd, IntFloatIntTriples) {
+  // The float tail b + c is summed first, in float; the int head then takes
+  // it in floating point and truncates toward zero.
+  const struct {
+    const char* what;
+    int a;
+    float b;
+    int c;
+    int checked;
+    int overflow;
+  } cases[] = {
+      {"ordinary", 1, 0.5f, 2, 3, 3},
+      {"negative truncates toward zero", -3, -0.4f, -2, -5, -5},
+      {"tail beyond the float limit", 1, 2e9f, 2000000000, -1, 0},
+      {"head beyond the int limit", 2147483000, 1000.0f, 0, -1, 0},
+      {"marker in the middle", 5, -1.0f, 3, -1, 0},
+      {"marker at the end", 5, 1.0f, -1, -1, 0},
+      {"first argument not tested for the marker", -1, 0.5f, 3, 2, 2},
+      // -3 + 1.5 truncates to -1, which the consuming flavour reads as failure.
+      {"genuine -1 result", -3, 0.5f, 1, -1, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(A::checkAndAdd(c.a, c.b, c.c), c.checked);
+    EXPECT_EQ(A::checkOverflowAndAdd(c.a, c.b, c.c), c.overflow);
+  }
+}
+
 TEST(VorakCheckedAdd, MarkerAnywhereAfterTheFirstArgument) {
   EXPECT_EQ(A::checkAndAdd(5, -1, 3), -1);
   EXPECT_EQ(A::checkAndAdd(5, 3, -1), -1);
