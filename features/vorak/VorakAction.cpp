@@ -95,10 +95,10 @@ void release(KxDatabase<T>* db, typename KxDBDataTable<T>::vecT& rows) {
 // Rows named `name` (every row for an empty name); a limit of 0 means the
 // store's own cap.
 template <typename T>
-typename KxDBDataTable<T>::vecT readRows(KxDatabase<T>* db, const std::string& name, unsigned long limit = 0) {
+typename KxDBDataTable<T>::vecT readRows(KxDatabase<T>* db, const std::string& name) {
   if (db == nullptr) return {};
   KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-  return db->readAllocateDR(key, limit, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  return db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
 }
 
 }  // namespace
@@ -198,15 +198,12 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
   sLaunchHandled = true;
 
   // With nothing learnt about the user yet, let the host seed the favourites.
-  // Only emptiness matters here: one row of a table is enough, and the user
-  // table need not be read once favourites exist.
   if (mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
-    auto slots = readRows(mFavTimeSlotDb, std::string(), 1);
-    if (slots.empty()) {
-      auto users = readRows(mUserDb, std::string(), 1);
-      if (users.empty()) FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
-      release(mUserDb, users);
-    }
+    auto users = readRows(mUserDb, std::string());
+    auto slots = readRows(mFavTimeSlotDb, std::string());
+    if (users.empty() && slots.empty())
+      FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
+    release(mUserDb, users);
     release(mFavTimeSlotDb, slots);
   }
 
