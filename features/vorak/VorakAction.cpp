@@ -470,18 +470,17 @@ int VorakAction::getWeekdayTimeslot(std::string& slotKey) {
 }
 
 bool VorakAction::moveFromBackground(int pid, CandidateList& to) {
-  for (auto it = mBackgroundList.begin(); it != mBackgroundList.end(); ++it) {
-    if (it->second == pid) {
-      to.emplace(it->first, pid);
-      mBackgroundList.erase(it);
-      return true;
-    }
-  }
-  return false;
+  auto found = mBackgroundByPid.find(pid);
+  if (found == mBackgroundByPid.end()) return false;
+  to.emplace(found->second->first, pid);
+  mBackgroundList.erase(found->second);
+  mBackgroundByPid.erase(found);
+  return true;
 }
 
 void VorakAction::generateTaskList() {
   mBackgroundList.clear();
+  mBackgroundByPid.clear();
   mFavoriteList.clear();
   mUserLaunchedList.clear();
 
@@ -489,7 +488,7 @@ void VorakAction::generateTaskList() {
   // graphics memory together.
   for (const PIDStats& p : StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj)) {
     const long key = static_cast<long>(checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
-    mBackgroundList.emplace(key, p.pid);
+    mBackgroundByPid.emplace(p.pid, mBackgroundList.emplace(key, p.pid));
   }
 
   // Favourites of the current slot go last among the background processes.
@@ -536,6 +535,7 @@ void VorakAction::generateTaskList() {
     if (row != nullptr) moveFromBackground(row->blob.value, mUserLaunchedList);
   }
   release(mStartProcDb, users);
+  mBackgroundByPid.clear();
 }
 
 void VorakAction::getAllServices() {

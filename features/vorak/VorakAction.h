@@ -112,6 +112,9 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   float mBias = 0;
 
   CandidateList mBackgroundList;
+  // The background list's entries by pid, while generateTaskList moves
+  // favourites and user-launched apps out of it; empty otherwise.
+  std::unordered_map<int, CandidateList::iterator> mBackgroundByPid;
   CandidateList mFavoriteList;
   CandidateList mUserLaunchedList;
   std::unordered_set<std::string> mAppServiceNames;
