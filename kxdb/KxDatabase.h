@@ -84,7 +84,18 @@ class KxDatabase<T> : public KxDBDataTable<T> {
  private:
   std::string dbName() const { return mDbFileName.empty() ? std::string(":memory:") : mDbDir + mDbFileName; }
   const char* table() const { return this->mTableName.c_str(); }
-  void execLogged(const char* sql);
+  // Runs a fixed statement; a failure is logged with SQLite's message.
+  bool execLogged(const char* sql);
+  // Prepares `sql` into `stmt`; a failure is logged with SQLite's message.
+  bool prepareLogged(SqliteStatement& stmt, const std::string& sql) {
+    if (stmt.prepare(mDb, sql) == SQLITE_OK) return true;
+    KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
+    return false;
+  }
+  // Logs a SQLite result other than `expected` with its code.
+  void logIfFailed(int rc, int expected = SQLITE_OK) {
+    if (rc != expected) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+  }
   void transactionStep(const char* sql);
   void beginImmediate() { transactionStep("BEGIN IMMEDIATE TRANSACTION;"); }
   void commit() { transactionStep("COMMIT TRANSACTION;"); }
@@ -237,14 +248,10 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
     if (col != KXDB_ORDER_BY_NONE)
       sql += std::string(" ORDER BY ") + kKxdbOrderByColText[col] + " " + kKxdbOrderByDirText[dir];
     SqliteStatement stmt;
-    if (stmt.prepare(mDb, sql) != SQLITE_OK) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return rows;
-    }
+    if (!prepareLogged(stmt, sql)) return rows;
     while (rows.size() < count) {
       if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
-        int rc = sqlite3_reset(stmt.get());
-        if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+        logIfFailed(sqlite3_reset(stmt.get()));
         break;
       }
       Row* row = new (std::nothrow) Row;
@@ -255,8 +262,7 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
       rows.push_back(row);
       fillRow(row, stmt.get());
     }
-    int rc = stmt.finalize();
-    if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+    logIfFailed(stmt.finalize());
   } catch (const std::exception& e) {
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     deallocateDR(rows);
@@ -275,13 +281,9 @@ int KxDatabase<T>::getCountDR(KxDBDataRowKey& key) {
     std::string sql = "SELECT COUNT(*) FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
     SqliteStatement stmt;
-    if (stmt.prepare(mDb, sql) != SQLITE_OK) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return 0;
-    }
+    if (!prepareLogged(stmt, sql)) return 0;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int(stmt.get(), 0);
-    int rc = stmt.finalize();
-    if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+    logIfFailed(stmt.finalize());
   } catch (const std::exception& e) {
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     return 0;
@@ -300,18 +302,11 @@ int KxDatabase<T>::deleteAllDR(KxDBDataRowKey& key) {
     std::string sql = "DELETE FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
     SqliteStatement stmt;
-    if (stmt.prepare(mDb, sql) != SQLITE_OK) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return 0;
-    }
-    int rc = sqlite3_step(stmt.get());
-    if (rc != SQLITE_DONE) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-    } else {
-      deleted = sqlite3_changes(mDb);
-    }
-    rc = stmt.finalize();
-    if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+    if (!prepareLogged(stmt, sql)) return 0;
+    const int rc = sqlite3_step(stmt.get());
+    logIfFailed(rc, SQLITE_DONE);
+    if (rc == SQLITE_DONE) deleted = sqlite3_changes(mDb);
+    logIfFailed(stmt.finalize());
   } catch (const std::exception& e) {
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     return 0;
@@ -331,13 +326,9 @@ std::vector<std::string> KxDatabase<T>::getTxtColUniqList(kxdbTxtCol col, kxdbOr
   long count = 0;
   {
     SqliteStatement stmt;
-    if (stmt.prepare(mDb, "SELECT COUNT(DISTINCT " + column + ") FROM " + this->mTableName) != SQLITE_OK) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return values;
-    }
+    if (!prepareLogged(stmt, "SELECT COUNT(DISTINCT " + column + ") FROM " + this->mTableName)) return values;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int64(stmt.get(), 0);
-    int rc = stmt.finalize();
-    if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+    logIfFailed(stmt.finalize());
   }
   if (count == 0) return values;
   if (count < 0 || count > static_cast<long>(kMaxDistinctValues)) {
@@ -348,22 +339,17 @@ std::vector<std::string> KxDatabase<T>::getTxtColUniqList(kxdbTxtCol col, kxdbOr
   if (orderCol != KXDB_ORDER_BY_NONE)
     sql += std::string(" ORDER BY ") + kKxdbOrderByColText[orderCol] + " " + kKxdbOrderByDirText[dir];
   SqliteStatement stmt;
-  if (stmt.prepare(mDb, sql) != SQLITE_OK) {
-    KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-    return values;
-  }
+  if (!prepareLogged(stmt, sql)) return values;
   values.reserve(static_cast<size_t>(count));
   for (uint16_t i = 0; i < count; ++i) {
     if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
-      int rc = sqlite3_reset(stmt.get());
-      if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+      logIfFailed(sqlite3_reset(stmt.get()));
       break;
     }
     const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
     values.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
   }
-  int rc = stmt.finalize();
-  if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+  logIfFailed(stmt.finalize());
   return values;
 }
 
@@ -409,11 +395,12 @@ int KxDatabase<T>::writeDeallocateDR(vecT& rows) {
 }
 
 template <typename T>
-void KxDatabase<T>::execLogged(const char* sql) {
+bool KxDatabase<T>::execLogged(const char* sql) {
   char* err = nullptr;
-  if (sqlite3_exec(mDb, sql, nullptr, nullptr, &err) != SQLITE_OK)
-    KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
+  const bool ok = sqlite3_exec(mDb, sql, nullptr, nullptr, &err) == SQLITE_OK;
+  if (!ok) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
   sqlite3_free(err);
+  return ok;
 }
 
 // Runs a transaction statement. A failure is logged and rolled back: after a
@@ -421,12 +408,7 @@ void KxDatabase<T>::execLogged(const char* sql) {
 // open transaction is abandoned.
 template <typename T>
 void KxDatabase<T>::transactionStep(const char* sql) {
-  char* err = nullptr;
-  if (sqlite3_exec(mDb, sql, nullptr, nullptr, &err) != SQLITE_OK) {
-    KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
-    execLogged("ROLLBACK TRANSACTION;");
-  }
-  sqlite3_free(err);
+  if (!execLogged(sql)) execLogged("ROLLBACK TRANSACTION;");
 }
 
 // Moves the head of the cache, node and all, to the tail of `written`. The
@@ -447,21 +429,16 @@ bool KxDatabase<T>::takeCachedRow(std::list<Row*>& written) {
 template <typename T>
 void KxDatabase<T>::writeRow(Row* row, sqlite3_stmt* insert, sqlite3_stmt* update) {
   sqlite3_stmt* stmt = row->rowid != 0 ? update : insert;
-  auto check = [this](int rc) {
-    if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-  };
-  if (row->intcol1 != KXDB_INTCOL_UNSET) check(sqlite3_bind_int(stmt, 1, row->intcol1));
+  if (row->intcol1 != KXDB_INTCOL_UNSET) logIfFailed(sqlite3_bind_int(stmt, 1, row->intcol1));
   if (!row->appName.empty())
-    check(sqlite3_bind_text(stmt, 2, row->appName.data(), static_cast<int>(row->appName.size()), SQLITE_STATIC));
+    logIfFailed(sqlite3_bind_text(stmt, 2, row->appName.data(), static_cast<int>(row->appName.size()), SQLITE_STATIC));
   if (!row->rsvdName.empty())
-    check(sqlite3_bind_text(stmt, 3, row->rsvdName.data(), static_cast<int>(row->rsvdName.size()), SQLITE_STATIC));
-  check(sqlite3_bind_blob(stmt, 4, &row->blob, static_cast<int>(sizeof(T)), SQLITE_STATIC));
+    logIfFailed(sqlite3_bind_text(stmt, 3, row->rsvdName.data(), static_cast<int>(row->rsvdName.size()), SQLITE_STATIC));
+  logIfFailed(sqlite3_bind_blob(stmt, 4, &row->blob, static_cast<int>(sizeof(T)), SQLITE_STATIC));
   // Rowids are bound 32 bits wide; the tables never grow past 2^31 rows.
-  if (stmt == update) check(sqlite3_bind_int(stmt, 5, static_cast<int>(row->rowid)));
-  int rc = sqlite3_step(stmt);
-  if (rc != SQLITE_DONE) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-  rc = sqlite3_reset(stmt);
-  if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+  if (stmt == update) logIfFailed(sqlite3_bind_int(stmt, 5, static_cast<int>(row->rowid)));
+  logIfFailed(sqlite3_step(stmt), SQLITE_DONE);
+  logIfFailed(sqlite3_reset(stmt));
 }
 
 // Rows stay alive until every statement that may still point at them (the
@@ -497,9 +474,9 @@ kxdbError KxDatabase<T>::writeCachedDRToDisk() {
     while (takeCachedRow(written)) writeRow(written.back(), insert.get(), update.get());
     commit();
     int rcUpdate = update.finalize();
-    if (rcUpdate != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rcUpdate);
+    logIfFailed(rcUpdate);
     int rcInsert = insert.finalize();
-    if (rcInsert != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rcInsert);
+    logIfFailed(rcInsert);
     freeWritten(written);
     return rcUpdate == SQLITE_OK && rcInsert == SQLITE_OK ? KXDB_SUCCESS : KXDB_FAILURE;
   } catch (const std::exception& e) {
@@ -517,26 +494,18 @@ int KxDatabase<T>::deleteDeallocateDR(vecT& rows) {
   try {
     std::lock_guard<std::mutex> writeLock(mWriteMutex);
     SqliteStatement stmt;
-    if (stmt.prepare(mDb, "DELETE FROM " + this->mTableName + " " + "WHERE (rowid) = (?)") != SQLITE_OK) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return 0;
-    }
+    if (!prepareLogged(stmt, "DELETE FROM " + this->mTableName + " " + "WHERE (rowid) = (?)")) return 0;
     beginImmediate();
     for (Row* row : rows) {
       if (row == nullptr || row->rowid == 0) continue;  // never stored
-      int rc = sqlite3_bind_int(stmt.get(), 1, static_cast<int>(row->rowid));
-      if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-      rc = sqlite3_step(stmt.get());
-      if (rc != SQLITE_DONE) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-      rc = sqlite3_reset(stmt.get());
-      if (rc != SQLITE_OK) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
+      logIfFailed(sqlite3_bind_int(stmt.get(), 1, static_cast<int>(row->rowid)));
+      logIfFailed(sqlite3_step(stmt.get()), SQLITE_DONE);
+      logIfFailed(sqlite3_reset(stmt.get()));
     }
     commit();
-    int rc = stmt.finalize();
-    if (rc != SQLITE_OK) {
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-      return 0;
-    }
+    const int rc = stmt.finalize();
+    logIfFailed(rc);
+    if (rc != SQLITE_OK) return 0;
   } catch (const std::exception& e) {
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     return 0;
