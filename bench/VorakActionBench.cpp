@@ -48,6 +48,7 @@
 #include "VorakAction.h"
 #include "VorakFeature.h"
 #include "kxhost/LogCapture.h"
+#include "support/PutRows.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -178,17 +179,17 @@ class Device {
     for (int i = 0; i < 30; ++i) {
       const std::string app = "com.bench.app" + std::to_string(i);
       const int pid = mZombies.pids()[kCandidates - 30 + i];
-      put(mUser, app, [&](auto& b) { b.value = pid; });
-      put(mStartProc, app, [&](auto& b) { b.value = pid; });
+      kxtest::putRows(mUser, app, 1, [&](auto& b) { b.value = pid; });
+      kxtest::putRows(mStartProc, app, 1, [&](auto& b) { b.value = pid; });
       if (i < 10) {
-        put(mFavPid, app, [&](auto& b) { b.value = pid; });
+        kxtest::putRows(mFavPid, app, 1, [&](auto& b) { b.value = pid; });
         favourites += app + "/";
       }
     }
     std::string slot;
     mAction->getWeekdayTimeslot(slot);
-    put(mFavSlot, slot, [&](auto& b) { favourites.copy(b.favoriteApps, sizeof(b.favoriteApps) - 1); });
-    put(mServiceOut, kApp, [](auto& b) {
+    kxtest::putRows(mFavSlot, slot, 1, [&](auto& b) { favourites.copy(b.favoriteApps, sizeof(b.favoriteApps) - 1); });
+    kxtest::putRows(mServiceOut, kApp, 1, [](auto& b) {
       std::strcpy(b.serviceNames[0], "vendor.bench.media");
       std::strcpy(b.serviceNames[1], "vendor.bench.camera");
     });
@@ -206,16 +207,6 @@ class Device {
   std::string actionDbPath() const { return mDir.sub("data/vendor/kx/Vorakaction.db"); }
 
  private:
-  template <typename T, typename Fill>
-  static void put(KxDatabase<T>& db, const std::string& name, Fill fill) {
-    auto rows = db.allocateDR(1);
-    if (rows.size() != 1) return;
-    rows[0]->appName = name;
-    std::memset(&rows[0]->blob, 0, sizeof(T));
-    fill(rows[0]->blob);
-    db.writeDeallocateDR(rows);
-  }
-
   kxtest::TempDir mDir;
   Zombies mZombies;
   std::unique_ptr<VorakFeature> mFeature;

@@ -33,6 +33,7 @@
 #include "VorakFeature.h"
 #include "WallClock.h"
 #include "kxhost/LogCapture.h"
+#include "support/PutRows.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -244,12 +245,7 @@ class VorakActionTest : public ::testing::Test {
   template <typename T, typename Fill>
   static void put(KxDatabase<T>* db, const std::string& name, Fill fill) {
     ASSERT_NE(db, nullptr);
-    auto rows = db->allocateDR(1);
-    ASSERT_EQ(rows.size(), 1u);
-    rows[0]->appName = name;
-    std::memset(&rows[0]->blob, 0, sizeof(T));
-    fill(rows[0]->blob);
-    db->writeDeallocateDR(rows);
+    ASSERT_TRUE(kxtest::putRows(*db, name, 1, fill));
   }
   static void learn(VorakAction& a, const std::string& name, int64_t rssSwap, int64_t ionKgsl) {
     put(a.getActionOutputDb(), name, [&](auto& b) { b.rssSwap = rssSwap, b.ionKgsl = ionKgsl; });

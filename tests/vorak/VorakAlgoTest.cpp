@@ -18,6 +18,7 @@
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
 #include "kxhost/LogCapture.h"
+#include "support/PutRows.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -60,17 +61,7 @@ class VorakAlgoTest : public ::testing::Test {
 
   template <typename T, typename Fill>
   static void put(KxDatabase<T>& db, const std::string& name, int copies, Fill fill) {
-    while (copies > 0) {
-      auto rows = db.allocateDR(std::min(copies, 100));
-      ASSERT_FALSE(rows.empty());
-      copies -= static_cast<int>(rows.size());
-      for (auto* row : rows) {
-        std::memset(&row->blob, 0, sizeof(row->blob));
-        row->appName = name;
-        fill(row->blob);
-      }
-      db.writeDeallocateDR(rows);
-    }
+    ASSERT_TRUE(kxtest::putRows(db, name, copies, fill));
   }
   void sample(const std::string& name, int64_t ion, int64_t rss, int copies = 1) {
     put(mMeterDb, name, copies, [&](_vorak_Meter_Data& b) { b.ionKgsl = ion, b.rssSwap = rss; });
