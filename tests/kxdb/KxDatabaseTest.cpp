@@ -239,7 +239,7 @@ std::string shell(const std::string& cmd) {
   return out;
 }
 
-TEST_F(KxDatabaseFileTest, FileIsAnOrdinarySqliteDatabaseWithTheSpecifiedSchemaAndBlobs) {
+TEST_F(KxDatabaseFileTest, FileIsAnOrdinarySqliteDatabaseWithTheStoresSchemaAndBlobs) {
   {
     MeterDb db(0, "Vorak.db", "Vorak");
     ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);

@@ -29,7 +29,7 @@ class Rng {
 };
 
 struct AppUse {
-  AppSpec spec;
+  AppProfile profile;
   double weight;   // launches per day, relative
   double morning;  // multiplier 06:00-10:00
   double evening;  // multiplier 18:00-24:00
@@ -37,7 +37,7 @@ struct AppUse {
 
 AppUse app(const char* name, uint64_t rss, uint64_t ion, uint64_t file, std::vector<std::string> services,
            double weight, double morning = 1.0, double evening = 1.0) {
-  AppSpec s;
+  AppProfile s;
   s.name = name;
   s.rssSwapKB = rss;
   s.ionKgslKB = ion;
@@ -86,7 +86,7 @@ Scenario defaultScenario() {
       app("com.example.fitness", 130000, 30000, 35000, {"svc.location", "svc.sensors"}, 1, 2.0, 1.0),
       app("com.example.podcasts", 140000, 25000, 35000, {"svc.audio", "svc.sync"}, 2, 2.5, 0.8),
   };
-  for (const auto& u : uses) sc.apps.push_back(u.spec);
+  for (const auto& u : uses) sc.apps.push_back(u.profile);
 
   const double dayStart = 6 * 3600.0;
   // Resident services come up with the device; the camera and media scanner
@@ -109,14 +109,14 @@ Scenario defaultScenario() {
     std::vector<double> w;
     for (const auto& u : uses) {
       double x = u.weight * (hour < 10 ? u.morning : hour >= 18 ? u.evening : 1.0);
-      if (u.spec.name == foreground) x = 0;
+      if (u.profile.name == foreground) x = 0;
       w.push_back(x);
       total += x;
     }
     double pick = rng.uniform() * total;
     size_t i = 0;
     while (i + 1 < w.size() && pick >= w[i]) pick -= w[i++];
-    const std::string& name = uses[i].spec.name;
+    const std::string& name = uses[i].profile.name;
 
     sc.events.push_back({t, EventType::Prepare, "", 101, 0});
     sc.events.push_back({t + 1, EventType::Launch, name, 101, 0});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iterator>
 #include <vector>
 
 namespace vsim {
@@ -22,32 +23,26 @@ std::array<uint64_t, 4> zones(uint64_t kb) {
 }  // namespace
 
 std::optional<DeviceProfile> DeviceProfile::forClass(int gigabytes) {
+  // Typical figures of each class (KB): total, system anon, system graphics,
+  // page cache at boot, and the cache the kernel keeps.
+  struct ClassFigures {
+    int gigabytes;
+    uint64_t totalKB, systemAnonKB, systemGpuKB, cacheKB, minCacheKB;
+  };
+  static constexpr ClassFigures kClasses[] = {
+      {2, 1900000, 560000, 70000, 330000, 110000},
+      {4, 3870000, 850000, 120000, 700000, 220000},
+      {6, 5800000, 1100000, 160000, 1000000, 300000},
+  };
+  const auto* c = std::find_if(std::begin(kClasses), std::end(kClasses),
+                               [gigabytes](const ClassFigures& f) { return f.gigabytes == gigabytes; });
+  if (c == std::end(kClasses)) return std::nullopt;
   DeviceProfile p;
-  switch (gigabytes) {
-    case 2:
-      p.totalKB = 1900000;
-      p.systemAnonKB = 560000;
-      p.systemGpuKB = 70000;
-      p.cacheKB = 330000;
-      p.minCacheKB = 110000;
-      break;
-    case 4:
-      p.totalKB = 3870000;
-      p.systemAnonKB = 850000;
-      p.systemGpuKB = 120000;
-      p.cacheKB = 700000;
-      p.minCacheKB = 220000;
-      break;
-    case 6:
-      p.totalKB = 5800000;
-      p.systemAnonKB = 1100000;
-      p.systemGpuKB = 160000;
-      p.cacheKB = 1000000;
-      p.minCacheKB = 300000;
-      break;
-    default:
-      return std::nullopt;
-  }
+  p.totalKB = c->totalKB;
+  p.systemAnonKB = c->systemAnonKB;
+  p.systemGpuKB = c->systemGpuKB;
+  p.cacheKB = c->cacheKB;
+  p.minCacheKB = c->minCacheKB;
   p.zramSizeKB = p.totalKB / 2;
   p.zramRatio = 3.0;
   p.lowWatermarkKB = pct(p.totalKB, 1.5);

@@ -142,13 +142,13 @@ const char* eventTypeName(EventType type) {
   return "?";
 }
 
-const AppSpec* Scenario::app(const std::string& n) const {
+const AppProfile* Scenario::app(const std::string& n) const {
   for (const auto& a : apps)
     if (a.name == n) return &a;
   return nullptr;
 }
 
-const ServiceSpec* Scenario::service(const std::string& n) const {
+const ServiceProfile* Scenario::service(const std::string& n) const {
   for (const auto& s : services)
     if (s.name == n) return &s;
   return nullptr;
@@ -184,14 +184,14 @@ Scenario parseScenario(const std::string& text) {
       const std::string where = "services[" + std::to_string(i) + "]";
       const json& s = root["services"][i];
       checkKeys(s, where, {"name", "rssSwapKB", "ionKgslKB", "fileKB", "oomAdj"});
-      ServiceSpec spec;
-      spec.name = stringAt(s, "name", where);
-      if (!names.insert(spec.name).second) fail(where + ".name", "'" + spec.name + "' is defined twice");
-      spec.rssSwapKB = kbAt(s, "rssSwapKB", where, 0, true);
-      spec.ionKgslKB = kbAt(s, "ionKgslKB", where, 0);
-      spec.fileKB = kbAt(s, "fileKB", where, 0);
-      spec.oomAdj = static_cast<int>(numberAt(s, "oomAdj", where, 800, -1000, 1000));
-      sc.services.push_back(spec);
+      ServiceProfile profile;
+      profile.name = stringAt(s, "name", where);
+      if (!names.insert(profile.name).second) fail(where + ".name", "'" + profile.name + "' is defined twice");
+      profile.rssSwapKB = kbAt(s, "rssSwapKB", where, 0, true);
+      profile.ionKgslKB = kbAt(s, "ionKgslKB", where, 0);
+      profile.fileKB = kbAt(s, "fileKB", where, 0);
+      profile.oomAdj = static_cast<int>(numberAt(s, "oomAdj", where, 800, -1000, 1000));
+      sc.services.push_back(profile);
     }
   }
 
@@ -201,25 +201,25 @@ Scenario parseScenario(const std::string& text) {
     const std::string where = "apps[" + std::to_string(i) + "]";
     const json& a = root["apps"][i];
     checkKeys(a, where, {"name", "rssSwapKB", "ionKgslKB", "fileKB", "services", "growKB", "jitter"});
-    AppSpec spec;
-    spec.name = stringAt(a, "name", where);
+    AppProfile profile;
+    profile.name = stringAt(a, "name", where);
     // Names reach the plug-in's SQL text unescaped; a quote would break its queries.
-    if (spec.name.find('\'') != std::string::npos) fail(where + ".name", "must not contain a quote");
-    if (!names.insert(spec.name).second) fail(where + ".name", "'" + spec.name + "' is defined twice");
-    spec.rssSwapKB = kbAt(a, "rssSwapKB", where, 0, true);
-    if (spec.rssSwapKB == 0) fail(where + ".rssSwapKB", "must be above 0 (a launch without memory is never sampled)");
-    spec.ionKgslKB = kbAt(a, "ionKgslKB", where, 0);
-    spec.fileKB = kbAt(a, "fileKB", where, 0);
-    spec.growKB = kbAt(a, "growKB", where, 0);
-    spec.jitter = numberAt(a, "jitter", where, 0.0, 0.0, 0.5);
+    if (profile.name.find('\'') != std::string::npos) fail(where + ".name", "must not contain a quote");
+    if (!names.insert(profile.name).second) fail(where + ".name", "'" + profile.name + "' is defined twice");
+    profile.rssSwapKB = kbAt(a, "rssSwapKB", where, 0, true);
+    if (profile.rssSwapKB == 0) fail(where + ".rssSwapKB", "must be above 0 (a launch without memory is never sampled)");
+    profile.ionKgslKB = kbAt(a, "ionKgslKB", where, 0);
+    profile.fileKB = kbAt(a, "fileKB", where, 0);
+    profile.growKB = kbAt(a, "growKB", where, 0);
+    profile.jitter = numberAt(a, "jitter", where, 0.0, 0.0, 0.5);
     if (a.contains("services")) {
       if (!a["services"].is_array()) fail(where + ".services", "expected an array of service names");
       for (const auto& s : a["services"]) {
         if (!s.is_string()) fail(where + ".services", "expected an array of service names");
-        spec.services.push_back(s.get<std::string>());
+        profile.services.push_back(s.get<std::string>());
       }
     }
-    sc.apps.push_back(spec);
+    sc.apps.push_back(profile);
   }
   for (size_t i = 0; i < sc.apps.size(); ++i)
     for (const auto& s : sc.apps[i].services)

@@ -14,7 +14,7 @@
 
 namespace vsim {
 
-struct AppSpec {
+struct AppProfile {
   std::string name;
   uint64_t rssSwapKB = 0;  // true "rss_swap" of a launch
   uint64_t ionKgslKB = 0;  // true "ion_kgsl" of a launch
@@ -25,7 +25,7 @@ struct AppSpec {
   uint64_t needKB() const { return rssSwapKB + ionKgslKB; }
 };
 
-struct ServiceSpec {
+struct ServiceProfile {
   std::string name;
   uint64_t rssSwapKB = 0;
   uint64_t ionKgslKB = 0;
@@ -64,13 +64,13 @@ struct Scenario {
   DeviceProfile device;
   uint32_t samplesThreshold = 3;  // samples per name before learning is due
   uint32_t seed = 1;              // for the launch-to-launch variation of needs
-  std::vector<AppSpec> apps;
-  std::vector<ServiceSpec> services;
+  std::vector<AppProfile> apps;
+  std::vector<ServiceProfile> services;
   std::vector<Event> events;      // sorted by time, stable
   std::vector<Expectation> expectations;
 
-  const AppSpec* app(const std::string& name) const;
-  const ServiceSpec* service(const std::string& name) const;
+  const AppProfile* app(const std::string& name) const;
+  const ServiceProfile* service(const std::string& name) const;
   double durationSec() const { return events.empty() ? 0 : events.back().at; }
   size_t launchCount() const;
   nlohmann::json toJson() const;

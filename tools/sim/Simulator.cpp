@@ -252,23 +252,23 @@ void Simulator::onPrepare(const Event& e) {
 }
 
 void Simulator::onLaunch(const Event& e) {
-  const AppSpec& spec = *mScenario.app(e.target);
-  AppRun& run = mApps[spec.name];
+  const AppProfile& profile = *mScenario.app(e.target);
+  AppRun& run = mApps[profile.name];
   noteStrayDeaths();
-  if (!mForeground.empty() && mForeground != spec.name) demote(mForeground);
+  if (!mForeground.empty() && mForeground != profile.name) demote(mForeground);
 
   LaunchRecord rec;
   rec.index = ++mLaunchCount;
   rec.at = mNow;
-  rec.app = spec.name;
+  rec.app = profile.name;
   rec.cold = run.pid == 0;
-  rec.trueKB = spec.needKB();
-  rec.learntKB = learntNeed(spec.name);
+  rec.trueKB = profile.needKB();
+  rec.learntKB = learntNeed(profile.name);
   rec.freeBeforeKB = mDevice->snapshot().freeKB();
   ++run.launches;
 
   mLog->take();
-  const auto p = payload(kHintLaunch, kLaunchType, spec.name, run.pid);
+  const auto p = payload(kHintLaunch, kLaunchType, profile.name, run.pid);
   mHost->trigger(p);
   mHost->hint(p);
 
@@ -285,13 +285,13 @@ void Simulator::onLaunch(const Event& e) {
     switch (ev.kind) {
       case PluginEvent::Kind::Kill: said[ev.pid] = {ev.by, ev.kb, afterAppPass}; break;
       case PluginEvent::Kind::AppPass:
-        if (ev.app != spec.name) break;
+        if (ev.app != profile.name) break;
         afterAppPass = rec.answered = true;
         rec.amountKB = ev.amountKB;
         rec.freedKB = ev.freedKB;
         break;
       case PluginEvent::Kind::ServicePass:
-        if (ev.app != spec.name) break;
+        if (ev.app != profile.name) break;
         rec.serviceAmountKB = ev.amountKB;
         rec.serviceFreedKB = ev.freedKB;
         break;
@@ -319,21 +319,21 @@ void Simulator::onLaunch(const Event& e) {
   // The launching app's own process may have been among the victims.
   if (run.pid == 0) {
     rec.cold = true;
-    startApp(spec, rec);
+    startApp(profile, rec);
   }
-  for (const auto& s : spec.services)
+  for (const auto& s : profile.services)
     if (mServices.count(s) == 0) startService(s);
-  mForeground = spec.name;
-  mRecent.erase(std::remove(mRecent.begin(), mRecent.end(), spec.name), mRecent.end());
+  mForeground = profile.name;
+  mRecent.erase(std::remove(mRecent.begin(), mRecent.end(), profile.name), mRecent.end());
   reassignOomAdj();
   rec.freeAfterKB = mDevice->snapshot().freeKB();
   mReport.addLaunch(std::move(rec));
 }
 
-void Simulator::startApp(const AppSpec& spec, LaunchRecord& rec) {
-  AppRun& run = mApps[spec.name];
-  const double f = 1.0 + spec.jitter * variation(mScenario.seed, spec.name, run.jitterSeq++);
-  const uint64_t anon = scaled(spec.rssSwapKB, f), gpu = scaled(spec.ionKgslKB, f), file = spec.fileKB;
+void Simulator::startApp(const AppProfile& profile, LaunchRecord& rec) {
+  AppRun& run = mApps[profile.name];
+  const double f = 1.0 + profile.jitter * variation(mScenario.seed, profile.name, run.jitterSeq++);
+  const uint64_t anon = scaled(profile.rssSwapKB, f), gpu = scaled(profile.ionKgslKB, f), file = profile.fileKB;
   const uint64_t need = anon + gpu + file;
 
   // What the plug-in left: memory the launch cannot get from free memory and
@@ -344,11 +344,11 @@ void Simulator::startApp(const AppSpec& spec, LaunchRecord& rec) {
   rec.lackedKB = need + low > clean ? need + low - clean : 0;
   makeRoom(need, &rec);
 
-  const pid_t pid = mPool.spawn(spec.name);
+  const pid_t pid = mPool.spawn(profile.name);
   run.pid = pid;
   run.grown = false;
-  mOwners[pid] = spec.name;
-  mDevice->addProcess(pid, spec.name, anon, file, gpu, kForegroundAdj);
+  mOwners[pid] = profile.name;
+  mDevice->addProcess(pid, profile.name, anon, file, gpu, kForegroundAdj);
 }
 
 void Simulator::makeRoom(uint64_t needKB, LaunchRecord* rec) {
@@ -372,13 +372,13 @@ void Simulator::makeRoom(uint64_t needKB, LaunchRecord* rec) {
 
 void Simulator::startService(const std::string& name) {
   if (mServices.count(name) != 0) return;
-  const ServiceSpec* spec = mScenario.service(name);
-  if (spec == nullptr) return;
-  makeRoom(spec->rssSwapKB + spec->ionKgslKB + spec->fileKB, nullptr);
+  const ServiceProfile* profile = mScenario.service(name);
+  if (profile == nullptr) return;
+  makeRoom(profile->rssSwapKB + profile->ionKgslKB + profile->fileKB, nullptr);
   const pid_t pid = mPool.spawn(name);
   mServices[name] = pid;
   mOwners[pid] = name;
-  mDevice->addProcess(pid, name, spec->rssSwapKB, spec->fileKB, spec->ionKgslKB, spec->oomAdj);
+  mDevice->addProcess(pid, name, profile->rssSwapKB, profile->fileKB, profile->ionKgslKB, profile->oomAdj);
   kxhost::ServiceRegistry::instance().setServicePid(name, pid);
 }
 
@@ -423,8 +423,8 @@ void Simulator::demote(const std::string& app) {
   if (mForeground == app) mForeground.clear();
   if (it->second.pid <= 0) return;
   // The app grew while it was first in use; later visits reuse that memory.
-  const AppSpec* spec = mScenario.app(app);
-  if (spec != nullptr && spec->growKB > 0 && !it->second.grown) mDevice->grow(it->second.pid, spec->growKB);
+  const AppProfile* profile = mScenario.app(app);
+  if (profile != nullptr && profile->growKB > 0 && !it->second.grown) mDevice->grow(it->second.pid, profile->growKB);
   it->second.grown = true;
   mRecent.erase(std::remove(mRecent.begin(), mRecent.end(), app), mRecent.end());
   mRecent.insert(mRecent.begin(), app);

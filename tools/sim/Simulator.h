@@ -57,7 +57,7 @@ class Simulator {
   void onLearn();
   void letWorkerRun();
   void startService(const std::string& name);
-  void startApp(const AppSpec& spec, LaunchRecord& rec);
+  void startApp(const AppProfile& profile, LaunchRecord& rec);
   void makeRoom(uint64_t needKB, LaunchRecord* rec);
   void demote(const std::string& app);
   void reassignOomAdj();
