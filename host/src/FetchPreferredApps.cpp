@@ -32,27 +32,22 @@ std::string joinFitting(const std::set<std::string>& names, size_t capacity) {
   return list;
 }
 
-// The slot's earlier favourites, so that a slot remembers every app used in it.
-void addSlotNames(SlotTable* table, const std::string& slot, std::set<std::string>& names) {
-  KxDBDataRowKey key(slot, 0);
-  SlotTable::vecT rows = table->readAllocateDR(key, 1, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  if (!rows.empty()) {
-    const char* list = rows[0]->blob.favoriteApps;
-    std::istringstream apps(std::string(list, strnlen(list, sizeof rows[0]->blob.favoriteApps)));
-    for (std::string app; std::getline(apps, app, '/');)
-      if (!app.empty()) names.insert(app);
-  }
-  table->deallocateDR(rows);
-}
-
-void writeSlot(SlotTable* table, const std::string& slot, const std::string& list) {
+// Adds `names` to the slot's earlier favourites, so that a slot remembers
+// every app used in it; the slot's row is updated in place or created.
+void updateSlot(SlotTable* table, const std::string& slot, std::set<std::string> names) {
   KxDBDataRowKey key(slot, 0);
   SlotTable::vecT rows = table->readAllocateDR(key, 1, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
   if (rows.empty()) {
     rows = table->allocateDR(1);
     if (rows.empty()) return;
     rows[0]->appName = slot;
+  } else {
+    const char* earlier = rows[0]->blob.favoriteApps;
+    std::istringstream apps(std::string(earlier, strnlen(earlier, sizeof rows[0]->blob.favoriteApps)));
+    for (std::string app; std::getline(apps, app, '/');)
+      if (!app.empty()) names.insert(app);
   }
+  const std::string list = joinFitting(names, sizeof rows[0]->blob.favoriteApps);
   std::memset(rows[0]->blob.favoriteApps, 0, sizeof rows[0]->blob.favoriteApps);
   std::memcpy(rows[0]->blob.favoriteApps, list.data(), list.size());
   table->writeDeallocateDR(rows);
@@ -96,10 +91,7 @@ void FetchPreferredApps::populateFavoriteApps(UserTable* userLaunched, UserTable
   std::time_t now = kxhost::wallTime();
   std::tm local;
   if (localtime_r(&now, &local) == nullptr) return;
-  const std::string slot = timeSlotKey(local);
-  const std::set<std::string> current = names;
-  addSlotNames(favTimeSlot, slot, names);
-  writeSlot(favTimeSlot, slot, joinFitting(names, sizeof(_vorak_Favorite_Time_Slot_Data::favoriteApps)));
+  updateSlot(favTimeSlot, timeSlotKey(local), names);
   if (userLaunched != nullptr && userLaunched2 != nullptr)
-    for (const std::string& app : current) seedRow(userLaunched, userLaunched2, app);
+    for (const std::string& app : names) seedRow(userLaunched, userLaunched2, app);
 }
