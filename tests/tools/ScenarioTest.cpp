@@ -18,11 +18,11 @@ using vsim::ScenarioError;
 
 const char* const kMinimal = R"({
   "name": "two apps",
-  "device": {"class": "2GB"},
+  "device": {"class": "2GB", "coldLaunchMs": 2500},
   "samplesThreshold": 2,
   "services": [{"name": "svc.push", "rssSwapKB": 20000, "oomAdj": 500}],
   "apps": [
-    {"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"]},
+    {"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"], "warmLaunchMs": 120},
     {"name": "com.b", "rssSwapKB": 90000}
   ],
   "events": [
@@ -49,6 +49,11 @@ std::string withEvents(const std::string& events) {
 
 TEST(ScenarioTest, ParsesDeviceAppsAndExpandsOpenIntoItsThreeSteps) {
   const auto sc = parseScenario(kMinimal);
+  // Launch costs: the class's figures unless the scenario gives its own.
+  EXPECT_EQ(sc.device.costs.coldLaunchMs, 2500);
+  EXPECT_EQ(sc.device.costs.lmkWaitMsPerMB, vsim::LaunchCosts::forClass(2)->lmkWaitMsPerMB);
+  EXPECT_EQ(sc.app("com.a")->warmLaunchMs, 120);
+  EXPECT_FALSE(sc.app("com.b")->warmLaunchMs.has_value());
   EXPECT_EQ(sc.name, "two apps");
   EXPECT_EQ(sc.device.memClass(), "2GB");
   EXPECT_EQ(sc.samplesThreshold, 2u);
@@ -83,7 +88,19 @@ TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
               HasSubstr("apps[0].rssSwapKB"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 0}], "events": []})"),
               HasSubstr("apps[0].rssSwapKB: must be above 0"));
-  EXPECT_THAT(errorOf(R"({"apps": [{"name": "it's", "rssSwapKB": 5}], "events": []})"), HasSubstr("quote"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "a/b", "rssSwapKB": 5}], "events": []})"),
+              HasSubstr("apps[0].name: 'a/b' is not a valid name: contains '/'"));
+  EXPECT_THAT(errorOf(R"({"apps": [{"name": "a\u0007", "rssSwapKB": 5}], "events": []})"),
+              HasSubstr("'a\\x07' is not a valid name: contains a control"));
+  EXPECT_THAT(errorOf(R"({"services": [{"name": "svc/x", "rssSwapKB": 5}], "apps": [], "events": []})"),
+              HasSubstr("services[0].name: 'svc/x' is not a valid name"));
+  EXPECT_THAT(errorOf(R"({"seed": 1e400, "apps": [], "events": []})"), HasSubstr("not valid JSON: number overflow"));
+  EXPECT_THAT(errorOf(R"({"device": {"coldLaunchMs": -1}, "apps": [], "events": []})"),
+              HasSubstr("device.coldLaunchMs: must lie in"));
+  std::string many = R"({"events": [], "apps": [)";
+  for (size_t i = 0; i <= vsim::kMaxApps; ++i)
+    many += (i ? "," : "") + std::string(R"({"name": "a)") + std::to_string(i) + R"(", "rssSwapKB": 5})";
+  EXPECT_THAT(errorOf(many + "]}"), HasSubstr("apps: more than 500 (the simulator's bound)"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5}, {"name": "x", "rssSwapKB": 5}], "events": []})"),
               HasSubstr("apps[1].name: 'x' is defined twice"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5, "services": ["s"]}], "events": []})"),
@@ -117,6 +134,18 @@ TEST(ScenarioTest, LoadingNamesTheFile) {
     EXPECT_THAT(e.what(), HasSubstr(bad + ": apps"));
   }
   EXPECT_THROW(vsim::loadScenario(dir.sub("missing.json")), ScenarioError);
+  const std::pair<std::string, const char*> unusable[] = {
+      {dir.path(), "is a directory"},
+      {"/dev/zero", "larger than 64 MiB"},  // an endless input stops at the bound
+  };
+  for (const auto& [path, message] : unusable) {
+    try {
+      vsim::loadScenario(path);
+      ADD_FAILURE() << path;
+    } catch (const ScenarioError& e) {
+      EXPECT_THAT(e.what(), HasSubstr(path + ": " + message));
+    }
+  }
   EXPECT_EQ(vsim::loadScenario(dir.write("ok.json", kMinimal)).apps.size(), 2u);
 }
 
