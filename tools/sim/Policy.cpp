@@ -40,10 +40,10 @@ std::string Policy::name() const {
 }
 
 std::string Policy::dirName() const {
+  // Colons and equals signs make awkward paths in a shell.
   std::string d = name();
   for (char& c : d)
     if (c == ':' || c == '=') c = '-';
-  // "vorak:safeload=0.3" -> "vorak-safeload-0.3"
   return d;
 }
 

@@ -265,7 +265,11 @@ void Simulator::play(const Event& e) {
     case EventType::Complete: onComplete(e); break;
     case EventType::Remove: onRemove(e); break;
     case EventType::Service: startService(e.target, nullptr); break;
-    case EventType::Learn: mHost->learn(); break;
+    case EventType::Learn:
+      mLearnt.reset();
+      mHost->learn();
+      mLearnt.reset();
+      break;
     case EventType::Grow: {
       auto it = mApps.find(e.target);
       if (it != mApps.end() && it->second.pid > 0) mDevice->grow(it->second.pid, e.kb);
@@ -612,8 +616,9 @@ void Simulator::forget(pid_t pid) {
   }
 }
 
-std::map<std::string, std::pair<int64_t, int64_t>> Simulator::learntRows() const {
-  std::map<std::string, std::pair<int64_t, int64_t>> out;
+const std::map<std::string, std::pair<int64_t, int64_t>>& Simulator::learntRows() const {
+  if (mLearnt) return *mLearnt;
+  auto& out = mLearnt.emplace();
   const std::string path = (fs::path(mOptions.runDir) / "data/vendor/kx/Vorakaction.db").string();
   if (!fs::exists(path)) return out;
   try {
@@ -630,7 +635,7 @@ std::map<std::string, std::pair<int64_t, int64_t>> Simulator::learntRows() const
 }
 
 std::optional<uint64_t> Simulator::learntNeed(const std::string& app) const {
-  const auto rows = learntRows();
+  const auto& rows = learntRows();
   auto it = rows.find(app);
   if (it == rows.end()) return std::nullopt;
   // The sentinels of a missing figure (-1) count as nothing, as in the decision.

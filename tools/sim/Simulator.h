@@ -85,7 +85,9 @@ class Simulator {
   void noteStrayDeaths();
   void forget(pid_t pid);
   std::optional<uint64_t> learntNeed(const std::string& app) const;
-  std::map<std::string, std::pair<int64_t, int64_t>> learntRows() const;
+  // The plug-in's learnt rows (ion_kgsl, rss_swap by name); only a learning
+  // run writes them, so they are read once after each.
+  const std::map<std::string, std::pair<int64_t, int64_t>>& learntRows() const;
   void showProgress(double at, bool final);
   void finishReport();
   AppOutcome outcome(const std::string& name, uint64_t ionKB, uint64_t rssKB,
@@ -105,6 +107,7 @@ class Simulator {
   std::map<std::string, int> mKills;     // app or service name -> times one of its processes was a victim
   std::string mForeground;
   std::vector<std::string> mRecent;      // background apps, most recent first
+  mutable std::optional<std::map<std::string, std::pair<int64_t, int64_t>>> mLearnt;
   int mLaunchCount = 0;
   int mLastProgress = -1;
   double mNow = 0;
