@@ -132,18 +132,33 @@ TEST(DeviceModelTest, HeadroomIsWhatCanBeFoundAndNoMore) {
   EXPECT_EQ(m.process(3)->anonKB, room + 100000 - r.shortKB);
 }
 
-TEST(DeviceModelTest, GrowthAndPriorityChangesApplyToKnownProcessesOnly) {
+TEST(DeviceModelTest, ASwappedProcessBackInFrontTakesItsMemoryBackFromZram) {
   DeviceModel m(fourGB());
-  m.addProcess(5, 100000, 0, 0, 0);
+  m.addProcess(1, 900000, 0, 0, 950);
+  m.addProcess(2, 1500000, 0, 0, 0);  // presses process 1 into zram
+  const uint64_t swapped = m.process(1)->swappedKB;
+  ASSERT_GT(swapped, 0u);
+  const uint64_t zram = m.zramOrigKB();
+  m.removeProcess(2);
+  m.setOomAdj(1, 0);
+  uint64_t back = 0;
+  const auto r = m.swapIn(1, &back);
+  EXPECT_EQ(back, swapped);
+  EXPECT_FALSE(r.direct()) << "room enough once the other process is gone";
+  EXPECT_EQ(m.process(1)->anonKB, 900000u);
+  EXPECT_EQ(m.process(1)->swappedKB, 0u);
+  EXPECT_EQ(m.zramOrigKB(), zram - swapped);
+  // Nothing swapped, or no such process: nothing comes back.
+  EXPECT_FALSE(m.swapIn(1, &back).direct());
+  EXPECT_EQ(back, 0u);
+  m.swapIn(9, &back);
+  EXPECT_EQ(back, 0u);
+  // Growth takes memory like a start does, for known processes only.
   const uint64_t free = m.freeKB();
-  m.grow(5, 20000);
-  EXPECT_EQ(m.process(5)->anonKB, 120000u);
+  m.grow(1, 20000);
+  m.grow(9, 20000);
+  EXPECT_EQ(m.process(1)->anonKB, 920000u);
   EXPECT_EQ(m.freeKB(), free - 20000);
-  m.grow(6, 20000);
-  m.setOomAdj(6, 900);
-  EXPECT_FALSE(m.hasProcess(6));
-  m.setOomAdj(5, 900);
-  EXPECT_EQ(m.process(5)->oomAdj, 900);
 }
 
 }  // namespace
