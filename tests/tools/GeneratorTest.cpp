@@ -105,6 +105,7 @@ TEST(GeneratorTest, RefusesOptionsOutOfRange) {
       EXPECT_THAT(e.what(), testing::StartsWith(what));
     }
   }
+  EXPECT_EQ(vsim::generateScenario({vsim::kMaxDays, static_cast<int>(vsim::kMaxApps), 4, 1}).apps.size(), vsim::kMaxApps);
 }
 
 TEST(GeneratorTest, TheBuiltInWeekRunsMondayToSundayWithWeekendLaunches) {
