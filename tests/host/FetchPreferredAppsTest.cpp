@@ -165,6 +165,8 @@ TEST_F(FavouritesTest, TheFiguresAreProperties) {
   EXPECT_EQ(FetchPreferredApps::predict(when(1, 10)), (Favourites{{"week_day_1", {"com.b", "com.a"}}}));
   kxhost::setProperty(FetchPreferredApps::kDaysProperty, "1");  // today only
   EXPECT_EQ(FetchPreferredApps::predict(when(1, 10)), (Favourites{{"week_day_1", {"com.b"}}}));
+  launch({{"com.sat", 5, 10}});
+  EXPECT_EQ(FetchPreferredApps::predict(when(6, 10)).count("week_end_1"), 0u) << "a Sunday looks at Sunday alone";
   kxhost::setProperty(FetchPreferredApps::kMaxAppsProperty, "many");  // malformed: the default
   kxhost::setProperty(FetchPreferredApps::kDaysProperty, "0");        // out of range: the default
   EXPECT_EQ(FetchPreferredApps::predict(when(1, 10)).at("week_day_1").size(), 3u);
