@@ -21,11 +21,12 @@
 #include "FeatureState.h"
 #include "FetchPreferredApps.h"
 #include "FsRoot.h"
+#include "Oracle.h"
 #include "Properties.h"
 #include "StatsProvider.h"
-#include "WallClock.h"
-#include "Oracle.h"
+#include "Text.h"
 #include "VorakDbFile.h"
+#include "WallClock.h"
 #include "kxhost/LogCapture.h"
 
 namespace vsim {
@@ -191,7 +192,7 @@ void Simulator::prepareRunDir() {
     fs::copy_file(mOptions.modelFile, model, fs::copy_options::overwrite_existing);
   }
   if (mOptions.policy.safeload) appendSafeload(model, *mOptions.policy.safeload);
-  std::ofstream(root / "scenario.json") << mScenario.toJson().dump(2) << "\n";
+  std::ofstream(root / "scenario.json") << dumpJson(mScenario.toJson()) << "\n";
 }
 
 void Simulator::startHost() {
