@@ -24,25 +24,9 @@ TEST(LaunchCostTest, BaseTimePlusEachKindOfMemoryFoundAtItsPricePerMB) {
       {"cold, 50 MB of others compressed into zram", {true, std::nullopt, 0, 50 * 1024, 0, 0}, 1000 + 50 * 3},
       {"warm, 40 MB of its own brought back from zram", {false, std::nullopt, 0, 0, 40 * 1024, 0}, 200 + 40 * 5},
       {"cold, 10 MB waited for from the low-memory killer", {true, std::nullopt, 0, 0, 0, 10 * 1024}, 1000 + 10 * 7},
-      {"all of it, 512 KB each", {true, std::nullopt, 512, 512, 512, 512}, 1000 + 0.5 * (2 + 3 + 5 + 7)},
       {"the app's own base time", {false, 333.0, 1024, 0, 0, 0}, 333 + 2},
   };
   for (const Case& c : cases) EXPECT_DOUBLE_EQ(vsim::estimateLaunchMs(costs, c.work), c.ms) << c.what;
-}
-
-TEST(LaunchCostTest, EachDeviceClassHasItsFiguresAndFasterClassesCostLess) {
-  EXPECT_FALSE(LaunchCosts::forClass(3).has_value());
-  const LaunchWork heavy{true, std::nullopt, 100 * 1024, 100 * 1024, 0, 100 * 1024};
-  double slower = 1e18;
-  for (int gb : {2, 4, 6}) {
-    const auto c = LaunchCosts::forClass(gb);
-    ASSERT_TRUE(c.has_value()) << gb;
-    EXPECT_LT(c->warmLaunchMs, c->coldLaunchMs) << gb;
-    EXPECT_LT(c->zramDecompressMsPerMB, c->zramCompressMsPerMB) << gb;
-    const double ms = vsim::estimateLaunchMs(*c, heavy);
-    EXPECT_LT(ms, slower) << gb;
-    slower = ms;
-  }
 }
 
 }  // namespace

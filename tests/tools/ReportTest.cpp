@@ -118,12 +118,6 @@ TEST(ReportTest, PictureMarksEveryKillAndLaunch) {
   EXPECT_THAT(svg, HasSubstr("com.a, short of"));
 }
 
-TEST(ReportTest, SizesReadAsMegabytesOrGigabytes) {
-  EXPECT_EQ(vsim::formatMB(0), "0 MB");
-  EXPECT_EQ(vsim::formatMB(512 * 1024), "512 MB");
-  EXPECT_EQ(vsim::formatMB(1536 * 1024), "1.50 GB");
-}
-
 }  // namespace
 
 namespace {
@@ -159,11 +153,6 @@ TEST(PluginLogTest, ReadsTheKillActionsDecisionsAndKills) {
   ASSERT_TRUE(e.has_value());
   EXPECT_EQ(e->kind, PluginEvent::Kind::ServicePass);
   EXPECT_EQ(e->app, "com.a");
-
-  e = parsePluginLine("VorakAction: decideKill() 40: No entry in O/P DB for App = (com.new)");
-  ASSERT_TRUE(e.has_value());
-  EXPECT_EQ(e->kind, PluginEvent::Kind::NoLearntNeed);
-  EXPECT_EQ(e->app, "com.new");
 
   e = parsePluginLine(
       "VorakFeature: VorakFeature() 83: Fatal! : Failed to open file /vendor/etc/kx/vorak/vorak_4GB.data. "
