@@ -1,11 +1,17 @@
+// The host's favourites: a prediction from the launch history per time slot
+// (regular on enough recent days of the same kind, at most a few, forgotten
+// when the habit stops), written into the slot table for the kill action.
 #include "FetchPreferredApps.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Properties.h"
+#include "WallClock.h"
 #include "kxdb/KxDatabase.h"
 #include "kxdb/VorakRecords.h"
 
@@ -13,6 +19,7 @@ namespace {
 
 using UserTable = KxDatabase<_vorak_User_Launched_Data>;
 using SlotTable = KxDatabase<_vorak_Favorite_Time_Slot_Data>;
+using Favourites = std::map<std::string, std::vector<std::string>>;
 
 std::tm at(int wday, int hour, int minute) {
   std::tm t{};
@@ -32,27 +39,44 @@ TEST(FetchPreferredApps, SlotKeysFollowWeekdayAndHour) {
   EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(5, 17, 0)), "week_day_3");
 }
 
+// Local time on day `day` of a week that begins on Monday 2026-11-23.
+std::time_t when(int day, int hour, int minute = 0) {
+  std::tm t{};
+  t.tm_year = 2026 - 1900;
+  t.tm_mon = 10;
+  t.tm_mday = 23 + day;
+  t.tm_hour = hour;
+  t.tm_min = minute;
+  t.tm_isdst = -1;
+  return std::mktime(&t);
+}
+
 class FavouritesTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    FetchPreferredApps::clearHistory();
     ASSERT_EQ(mUser.KxDatabaseInit(), KXDB_SUCCESS);
     ASSERT_EQ(mStartProc.KxDatabaseInit(), KXDB_SUCCESS);
     ASSERT_EQ(mSlots.KxDatabaseInit(), KXDB_SUCCESS);
   }
+  void TearDown() override {
+    FetchPreferredApps::clearHistory();
+    for (const char* p : {FetchPreferredApps::kDaysProperty, FetchPreferredApps::kMinDaysProperty,
+                          FetchPreferredApps::kMaxAppsProperty})
+      kxhost::clearProperty(p);
+    kxhost::setWallClock(nullptr);
+  }
 
-  static void addUser(UserTable& table, const std::string& app, int value = 1) {
+  // Launches: (app, day, hour).
+  static void launch(const std::vector<std::tuple<std::string, int, int>>& launches) {
+    for (const auto& [app, day, hour] : launches) FetchPreferredApps::noteLaunch(app, when(day, hour));
+  }
+
+  static void addUser(UserTable& table, const std::string& app, int value) {
     UserTable::vecT rows = table.allocateDR(1);
     rows[0]->appName = app;
     rows[0]->blob.value = value;
     table.writeDeallocateDR(rows);
-  }
-
-  void addSlot(const std::string& slot, const std::string& apps) {
-    SlotTable::vecT rows = mSlots.allocateDR(1);
-    rows[0]->appName = slot;
-    std::memset(rows[0]->blob.favoriteApps, 0, sizeof rows[0]->blob.favoriteApps);
-    std::strcpy(rows[0]->blob.favoriteApps, apps.c_str());
-    mSlots.writeDeallocateDR(rows);
   }
 
   // Every row of a user-launched table as "app=value", in row order.
@@ -75,21 +99,15 @@ class FavouritesTest : public ::testing::Test {
     return out;
   }
 
-  // Runs the rule and returns the slot key it used (retrying across a slot
-  // boundary, which would make the key ambiguous).
-  std::string populate() {
-    for (;;) {
-      std::string before = currentSlot();
-      FetchPreferredApps().populateFavoriteApps(&mUser, &mStartProc, &mSlots);
-      if (currentSlot() == before) return before;
-    }
-  }
-
-  static std::string currentSlot() {
-    std::time_t now = std::time(nullptr);
-    std::tm local;
-    localtime_r(&now, &local);
-    return FetchPreferredApps::timeSlotKey(local);
+  // Populates as a learning run on day `day` at `hour` would.
+  void populateAt(int day, int hour) {
+    static std::time_t sNow;
+    sNow = when(day, hour);
+    kxhost::setWallClock([](time_t* out) {
+      if (out != nullptr) *out = sNow;
+      return sNow;
+    });
+    FetchPreferredApps().populateFavoriteApps(&mUser, &mStartProc, &mSlots);
   }
 
   UserTable mUser{0, "", "User"};
@@ -97,52 +115,90 @@ class FavouritesTest : public ::testing::Test {
   SlotTable mSlots{0, "", "FavTimeSlot"};
 };
 
-TEST_F(FavouritesTest, AppsOfBothUserTablesBecomeTheCurrentSlotsFavourites) {
-  addUser(mUser, "com.b");
-  addUser(mUser, "com.a");
-  addUser(mStartProc, "com.c");
-  addUser(mStartProc, "com.a");
-  std::string slot = populate();
-  EXPECT_EQ(slots(), std::vector<std::string>{slot + ":com.a/com.b/com.c"});
+TEST_F(FavouritesTest, AnAppIsAFavouriteOfASlotOnlyWhenLaunchedThereOnEnoughRecentDaysOfItsKind) {
+  struct Case {
+    const char* what;
+    std::vector<std::tuple<std::string, int, int>> launches;
+    int day, hour;  // when predicted
+    Favourites expected;
+  };
+  const std::vector<Case> cases = {
+      {"one launch makes no habit, in any slot", {{"com.a", 0, 8}}, 5, 10, {}},
+      {"two weekday mornings make a weekday-morning favourite only",
+       {{"com.a", 0, 8}, {"com.a", 1, 9}},
+       1,
+       18,
+       {{"week_day_1", {"com.a"}}}},
+      {"the same day twice is one day", {{"com.a", 1, 8}, {"com.a", 1, 9}}, 1, 10, {}},
+      {"a weekday and a weekend day are of different kinds", {{"com.a", 4, 10}, {"com.a", 5, 10}}, 5, 11, {}},
+      {"two weekend mornings count across the week, for the weekend",
+       {{"com.a", 5, 10}, {"com.a", 6, 11}},
+       7,
+       9,
+       {{"week_end_1", {"com.a"}}}},
+      {"a habit that stopped is forgotten once its days leave the last four",
+       {{"com.a", 0, 8}, {"com.a", 1, 8}, {"com.a", 2, 8}},
+       7,
+       8,
+       {}},
+      {"the most regular first, then the most launched, then by name, at most four",
+       {{"com.f", 0, 8}, {"com.f", 1, 8}, {"com.f", 2, 8},   // three days
+        {"com.e", 0, 8}, {"com.e", 1, 8}, {"com.e", 1, 9},   // two days, three launches
+        {"com.d", 0, 8}, {"com.d", 2, 8},                    // two days
+        {"com.b", 0, 8}, {"com.b", 2, 8},                    // two days
+        {"com.c", 1, 8}, {"com.c", 2, 8}},                   // two days: fifth by name
+       2,
+       20,
+       {{"week_day_1", {"com.f", "com.e", "com.b", "com.c"}}}},
+  };
+  for (const Case& c : cases) {
+    FetchPreferredApps::clearHistory();
+    launch(c.launches);
+    EXPECT_EQ(FetchPreferredApps::predict(when(c.day, c.hour)), c.expected) << c.what;
+  }
 }
 
-TEST_F(FavouritesTest, FavouritesMissingFromTheFirstTableGetTheirRowFromTheSecond) {
+TEST_F(FavouritesTest, TheFiguresAreProperties) {
+  launch({{"com.a", 0, 8}, {"com.b", 0, 9}, {"com.b", 1, 9}, {"com.c", 0, 8}});
+  kxhost::setProperty(FetchPreferredApps::kMinDaysProperty, "1");
+  kxhost::setProperty(FetchPreferredApps::kMaxAppsProperty, "2");
+  EXPECT_EQ(FetchPreferredApps::predict(when(1, 10)), (Favourites{{"week_day_1", {"com.b", "com.a"}}}));
+  kxhost::setProperty(FetchPreferredApps::kDaysProperty, "1");  // today only
+  EXPECT_EQ(FetchPreferredApps::predict(when(1, 10)), (Favourites{{"week_day_1", {"com.b"}}}));
+  launch({{"com.sat", 5, 10}});
+  EXPECT_EQ(FetchPreferredApps::predict(when(6, 10)).count("week_end_1"), 0u) << "a Sunday looks at Sunday alone";
+  kxhost::setProperty(FetchPreferredApps::kMaxAppsProperty, "many");  // malformed: the default
+  kxhost::setProperty(FetchPreferredApps::kDaysProperty, "0");        // out of range: the default
+  EXPECT_EQ(FetchPreferredApps::predict(when(1, 10)).at("week_day_1").size(), 3u);
+}
+
+TEST_F(FavouritesTest, EverySlotsRowIsReplacedByItsPredictionAndFavouritesGetAPidRow) {
+  launch({{"com.a", 0, 8}, {"com.a", 1, 8}, {"com.b", 0, 18}, {"com.b", 1, 19}});
   addUser(mUser, "com.a", 10);
   addUser(mStartProc, "com.a", 11);
   addUser(mStartProc, "com.b", 20);
-  addUser(mStartProc, "com.twice", 30);
-  addUser(mStartProc, "com.twice", 31);
-  populate();
+  populateAt(1, 22);
+  EXPECT_EQ(slots(), (std::vector<std::string>{"week_day_1:com.a", "week_day_3:com.b"}));
   EXPECT_EQ(users(mUser), (std::vector<std::string>{"com.a=10", "com.b=20"}))
-      << "an existing row keeps its pid; a name with two rows has no pid to take";
-  EXPECT_EQ(users(mStartProc).size(), 4u) << "the second table is only read";
+      << "an existing row keeps its pid; a favourite without one takes it from the second table";
+  EXPECT_EQ(users(mStartProc).size(), 2u) << "the second table is only read";
+
+  // A week on, both habits have stopped: the rows stay, emptied, never duplicated.
+  populateAt(8, 10);
+  EXPECT_EQ(slots(), (std::vector<std::string>{"week_day_1:", "week_day_3:"}));
 }
 
-TEST_F(FavouritesTest, TheSlotKeepsEarlierFavouritesInPlaceAndOtherSlotsAlone) {
-  std::string slot = currentSlot();
-  std::string other = slot == "week_day_1" ? "week_end_1" : "week_day_1";
-  addSlot(other, "com.old");
-  addSlot(slot, "com.stale");
-  addUser(mUser, "com.a");
-  slot = populate();
-  addUser(mStartProc, "com.b");
-  slot = populate();
-  std::vector<std::string> rows = slots();
-  ASSERT_EQ(rows.size(), 2u);
-  EXPECT_EQ(rows[0], other + ":com.old");
-  EXPECT_EQ(rows[1], slot + ":com.a/com.b/com.stale");
-}
-
-TEST_F(FavouritesTest, NothingIsWrittenWithoutApplicationsAndLongListsStayWithinTheRow) {
-  FetchPreferredApps().populateFavoriteApps(&mUser, nullptr, &mSlots);
-  EXPECT_TRUE(slots().empty());
+TEST_F(FavouritesTest, NothingIsWrittenWithoutASlotTableAndLongListsStayWithinTheRow) {
   FetchPreferredApps().populateFavoriteApps(&mUser, &mStartProc, nullptr);
-
-  for (int i = 0; i < 40; ++i) addUser(mUser, "com.app" + std::to_string(100 + i) + std::string(100, 'x'));
-  populate();
-  std::vector<std::string> rows = slots();
+  kxhost::setProperty(FetchPreferredApps::kMaxAppsProperty, "64");
+  for (int i = 0; i < 40; ++i) {
+    const std::string app = "com.app" + std::to_string(100 + i) + std::string(100, 'x');
+    launch({{app, 0, 8}, {app, 1, 8}});
+  }
+  populateAt(1, 9);
+  const std::vector<std::string> rows = slots();
   ASSERT_EQ(rows.size(), 1u);
-  std::string list = rows[0].substr(rows[0].find(':') + 1);
+  const std::string list = rows[0].substr(rows[0].find(':') + 1);
   EXPECT_LT(list.size(), 4096u);
   EXPECT_EQ(list.back(), 'x');  // whole names only
   EXPECT_EQ(list.find("com.app139"), std::string::npos);

@@ -110,12 +110,6 @@ TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   EXPECT_EQ(m.zramOrigKB(), m.process(1)->swappedKB + m.process(2)->swappedKB);
   EXPECT_EQ(m.sysStats().zramUsedKB, m.zramUsedKB());
   EXPECT_LT(m.zramUsedKB(), m.zramOrigKB());
-
-  // Killing a swapped process gives its zram back.
-  const uint64_t zram = m.zramOrigKB();
-  const uint64_t swapped1 = m.process(1)->swappedKB;
-  m.removeProcess(1);
-  EXPECT_EQ(m.zramOrigKB(), zram - swapped1);
 }
 
 TEST(DeviceModelTest, HeadroomIsWhatCanBeFoundAndNoMore) {
@@ -132,18 +126,28 @@ TEST(DeviceModelTest, HeadroomIsWhatCanBeFoundAndNoMore) {
   EXPECT_EQ(m.process(3)->anonKB, room + 100000 - r.shortKB);
 }
 
-TEST(DeviceModelTest, GrowthAndPriorityChangesApplyToKnownProcessesOnly) {
+TEST(DeviceModelTest, ASwappedProcessBackInFrontTakesItsMemoryBackFromZram) {
   DeviceModel m(fourGB());
-  m.addProcess(5, 100000, 0, 0, 0);
+  m.addProcess(1, 900000, 0, 0, 950);
+  m.addProcess(2, 1500000, 0, 0, 0);  // presses process 1 into zram
+  const uint64_t swapped = m.process(1)->swappedKB;
+  ASSERT_GT(swapped, 0u);
+  const uint64_t zram = m.zramOrigKB();
+  m.removeProcess(2);
+  m.setOomAdj(1, 0);
+  uint64_t back = 0;
+  const auto r = m.swapIn(1, &back);
+  EXPECT_EQ(back, swapped);
+  EXPECT_FALSE(r.direct()) << "room enough once the other process is gone";
+  EXPECT_EQ(m.process(1)->anonKB, 900000u);
+  EXPECT_EQ(m.process(1)->swappedKB, 0u);
+  EXPECT_EQ(m.zramOrigKB(), zram - swapped);
+  // Growth takes memory like a start does, for known processes only.
   const uint64_t free = m.freeKB();
-  m.grow(5, 20000);
-  EXPECT_EQ(m.process(5)->anonKB, 120000u);
+  m.grow(1, 20000);
+  m.grow(9, 20000);
+  EXPECT_EQ(m.process(1)->anonKB, 920000u);
   EXPECT_EQ(m.freeKB(), free - 20000);
-  m.grow(6, 20000);
-  m.setOomAdj(6, 900);
-  EXPECT_FALSE(m.hasProcess(6));
-  m.setOomAdj(5, 900);
-  EXPECT_EQ(m.process(5)->oomAdj, 900);
 }
 
 }  // namespace

@@ -29,6 +29,10 @@ LaunchRecord launch(int index, const std::string& app, double amount, std::vecto
   for (const auto& v : victims) r.freedKB += static_cast<double>(v.kb);
   r.victims = std::move(victims);
   r.lackedKB = lacked;
+  // Launch n cold because the policy (n = 2) or the killer (n = 3) took its app, in n seconds.
+  r.coldCause = index == 2 ? vsim::ColdCause::KilledByPolicy : index == 3 ? vsim::ColdCause::KilledByDevice
+                                                                          : vsim::ColdCause::First;
+  r.launchMs = index * 1000.0;
   return r;
 }
 
@@ -72,6 +76,12 @@ TEST(ReportTest, SummaryCountsKillsOverKillCoverageAndShortLaunches) {
   EXPECT_EQ(s.lackedKB, 50000u);
   EXPECT_EQ(s.appsLearnt, 1u);
   EXPECT_NEAR(s.meanLearntErrorPct, 1.0, 1e-9);  // 202000 learnt for 200000
+  EXPECT_EQ(s.coldByPolicyKills, 1u);
+  EXPECT_EQ(s.coldByDeviceKills, 1u);
+  EXPECT_EQ(s.killsByPolicy, 3u);
+  EXPECT_DOUBLE_EQ(s.launchMsMean, 2000);
+  EXPECT_DOUBLE_EQ(s.launchMsP95, 3000);  // nearest rank: the third of three
+  EXPECT_DOUBLE_EQ(s.launchMsTotal, 6000);
 }
 
 TEST(ReportTest, ExpectedVictimsAreComparedAsSetsOfThePluginsKills) {
@@ -98,22 +108,14 @@ TEST(ReportTest, ExpectedVictimsAreComparedAsSetsOfThePluginsKills) {
   EXPECT_TRUE(j["apps"][1]["learntRssSwapKB"].is_null());
 }
 
-TEST(ReportTest, PictureMarksEveryKillAndLaunchAndEscapesNames) {
+TEST(ReportTest, PictureMarksEveryKillAndLaunch) {
   const std::string svg = vsim::renderSvg(sample());
   EXPECT_EQ(svg.rfind("<svg xmlns=\"http://www.w3.org/2000/svg\"", 0), 0u);
   EXPECT_THAT(svg, HasSubstr("</svg>"));
-  EXPECT_THAT(svg, HasSubstr("day &amp; night"));
-  EXPECT_EQ(svg.find("day & night"), std::string::npos);
   size_t kills = 0;
   for (size_t p = svg.find(" killed "); p != std::string::npos; p = svg.find(" killed ", p + 1)) ++kills;
   EXPECT_EQ(kills, 5u);
   EXPECT_THAT(svg, HasSubstr("com.a, short of"));
-}
-
-TEST(ReportTest, SizesReadAsMegabytesOrGigabytes) {
-  EXPECT_EQ(vsim::formatMB(0), "0 MB");
-  EXPECT_EQ(vsim::formatMB(512 * 1024), "512 MB");
-  EXPECT_EQ(vsim::formatMB(1536 * 1024), "1.50 GB");
 }
 
 }  // namespace
@@ -151,11 +153,6 @@ TEST(PluginLogTest, ReadsTheKillActionsDecisionsAndKills) {
   ASSERT_TRUE(e.has_value());
   EXPECT_EQ(e->kind, PluginEvent::Kind::ServicePass);
   EXPECT_EQ(e->app, "com.a");
-
-  e = parsePluginLine("VorakAction: decideKill() 40: No entry in O/P DB for App = (com.new)");
-  ASSERT_TRUE(e.has_value());
-  EXPECT_EQ(e->kind, PluginEvent::Kind::NoLearntNeed);
-  EXPECT_EQ(e->app, "com.new");
 
   e = parsePluginLine(
       "VorakFeature: VorakFeature() 83: Fatal! : Failed to open file /vendor/etc/kx/vorak/vorak_4GB.data. "

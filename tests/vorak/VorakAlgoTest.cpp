@@ -13,10 +13,12 @@
 #include "AndroidLog.h"
 #include "FeatureInfo.h"
 #include "FeatureState.h"
+#include "FetchPreferredApps.h"
 #include "FsRoot.h"
 #include "Properties.h"
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
+#include "WallClock.h"
 #include "kxhost/LogCapture.h"
 #include "support/PutRows.h"
 #include "support/TempDir.h"
@@ -130,6 +132,12 @@ TEST_F(VorakAlgoTest, NamesDueAgainAreLeftAsTheyAre) {
   EXPECT_EQ(mState.readState("com.a"), APP_STATE_RELEARN_DUE);
 }
 
+int weekdayOf(std::time_t t) {
+  std::tm local{};
+  localtime_r(&t, &local);
+  return local.tm_wday;
+}
+
 TEST_F(VorakAlgoTest, CancelledRunRefreshesFavouritesAndServicesHandlesOneNameAndWalksNoMore) {
   // Every listing of a table with more than 1000 names leaves the store's
   // restriction warning, which counts the run's walks over the samples
@@ -140,6 +148,11 @@ TEST_F(VorakAlgoTest, CancelledRunRefreshesFavouritesAndServicesHandlesOneNameAn
   }
   put(mServiceInDb, "com.a", 1, [](_vorak_App_Service_In& b) { std::strcpy(b.serviceNames[0], "svc.a"); });
   put(mFavPidDb, "com.fav", 1, [](_vorak_User_Launched_Data& b) { b.value = 42; });
+  // The host predicts favourites from launches on two days of the same kind.
+  FetchPreferredApps::clearHistory();
+  const std::time_t now = kxhost::wallTime();
+  FetchPreferredApps::noteLaunch("com.fav", now);
+  FetchPreferredApps::noteLaunch("com.fav", now - (weekdayOf(now) == 1 ? 3 : weekdayOf(now) == 6 ? 6 : 1) * 86400);
   kxhost::LogCapture log;
   run(true);
 

@@ -6,27 +6,11 @@
 #include <cmath>
 #include <cstdint>
 
+#include "Rng.h"
 #include "Scenario.h"
 
 namespace vsim {
 namespace {
-
-// splitmix64: the same sequence on every platform, unlike the standard
-// distributions, so the built-in day is the same everywhere.
-class Rng {
- public:
-  explicit Rng(uint64_t seed) : mState(seed) {}
-  uint64_t next() {
-    uint64_t z = (mState += 0x9e3779b97f4a7c15ULL);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
-    return z ^ (z >> 31);
-  }
-  double uniform() { return static_cast<double>(next() >> 11) / 9007199254740992.0; }
-
- private:
-  uint64_t mState;
-};
 
 struct AppUse {
   AppProfile profile;

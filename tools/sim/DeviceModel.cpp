@@ -46,6 +46,7 @@ std::optional<DeviceProfile> DeviceProfile::forClass(int gigabytes) {
   p.zramSizeKB = p.totalKB / 2;
   p.zramRatio = 3.0;
   p.lowWatermarkKB = pct(p.totalKB, 1.5);
+  p.costs = *LaunchCosts::forClass(gigabytes);
   return p;
 }
 
@@ -176,6 +177,26 @@ Reclaim DeviceModel::grow(int pid, uint64_t anonKB) {
   const uint64_t granted = take(anonKB, r);
   mProcs[pid].anonKB += granted;
   recomputeFree();
+  return r;
+}
+
+Reclaim DeviceModel::swapIn(int pid, uint64_t* swappedInKB) {
+  Reclaim r;
+  *swappedInKB = 0;
+  auto it = mProcs.find(pid);
+  if (it == mProcs.end() || it->second.swappedKB == 0) return r;
+  // Decompressing gives the compressed copy back before the pages need room.
+  const uint64_t swapped = it->second.swappedKB;
+  it->second.swappedKB = 0;
+  mZramOrigKB -= std::min(mZramOrigKB, swapped);
+  recomputeFree();
+  const uint64_t granted = take(swapped, r);
+  ProcessMemory& p = mProcs[pid];
+  p.anonKB += granted;
+  p.swappedKB = swapped - granted;
+  mZramOrigKB += swapped - granted;
+  recomputeFree();
+  *swappedInKB = granted;
   return r;
 }
 

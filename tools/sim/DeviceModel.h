@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "LaunchCost.h"
 #include "StatsProvider.h"
 
 namespace vsim {
@@ -22,6 +23,7 @@ struct DeviceProfile {
   uint64_t cacheKB = 0;        // page cache at boot
   uint64_t minCacheKB = 0;     // cache the kernel keeps however hard it reclaims
   uint64_t lowWatermarkKB = 0; // below this much free memory the kernel reclaims
+  LaunchCosts costs;           // what a launch costs the user on this device
 
   // Typical devices of the 2, 4 and 6 GB classes; nullopt for other sizes.
   static std::optional<DeviceProfile> forClass(int gigabytes);
@@ -48,6 +50,12 @@ struct Reclaim {
   uint64_t swappedKB = 0;       // anonymous memory moved into zram
   uint64_t shortKB = 0;         // memory that could not be found at all
   bool direct() const { return cacheDroppedKB > 0 || swappedKB > 0 || shortKB > 0; }
+  Reclaim& operator+=(const Reclaim& o) {
+    cacheDroppedKB += o.cacheDroppedKB;
+    swappedKB += o.swappedKB;
+    shortKB += o.shortKB;
+    return *this;
+  }
 };
 
 class DeviceModel {
@@ -62,6 +70,10 @@ class DeviceModel {
   Reclaim addProcess(int pid, uint64_t anonKB, uint64_t fileKB, uint64_t gpuKB, int oomAdj);
   // Grows a process's anonymous memory (reclaiming as addProcess does).
   Reclaim grow(int pid, uint64_t anonKB);
+  // Brings the process's swapped-out memory back from zram (it is in use
+  // again), reclaiming as addProcess does; what cannot be found stays
+  // swapped. Returns the reclaim and, in *swappedInKB, what came back.
+  Reclaim swapIn(int pid, uint64_t* swappedInKB);
   void setOomAdj(int pid, int oomAdj);
   // Frees the process's memory; its file pages stay in the page cache.
   bool removeProcess(int pid);

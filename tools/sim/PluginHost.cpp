@@ -4,8 +4,10 @@
 
 #include "Feature.h"
 #include "FeatureInfo.h"
+#include "FetchPreferredApps.h"
 #include "MemPerfd.h"
 #include "Registry.h"
+#include "WallClock.h"
 #include "kxhost/LearningScheduler.h"
 #include "kxhost/MeteringThread.h"
 
@@ -54,6 +56,9 @@ PluginHost::~PluginHost() {
 bool PluginHost::disabled() const { return mFeature->isDisabled(); }
 
 void PluginHost::trigger(const AsyncTriggerPayload& payload) {
+  // The framework keeps its launch history, whatever its features do: the
+  // favourites it predicts come from it.
+  if (payload.hintID == 0x1081 && payload.hintType == 2) FetchPreferredApps::noteLaunch(payload.appName, kxhost::wallTime());
   // The framework never drives a feature that disabled itself.
   if (!disabled()) mFeature->runAsync(payload);
 }

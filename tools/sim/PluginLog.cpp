@@ -59,12 +59,6 @@ std::optional<PluginEvent> parsePluginLine(const std::string& msg) {
     e.kind = PluginEvent::Kind::AppPass;
     return e;
   }
-  if (const char* p = after(msg, "No entry in O/P DB for App = (")) {
-    const char* end = std::strrchr(p, ')');
-    e.kind = PluginEvent::Kind::NoLearntNeed;
-    e.app = end != nullptr ? std::string(p, end) : std::string(p);
-    return e;
-  }
   if (msg.find("Disabling") != std::string::npos) {
     e.kind = PluginEvent::Kind::Disabled;
     const auto colon = msg.find(": ", msg.find("() "));

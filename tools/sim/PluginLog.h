@@ -19,7 +19,6 @@ struct PluginEvent {
     Kill,           // a process killed; pid, kb, by
     AppPass,        // the decision for the app: app, amount, freed
     ServicePass,    // the pass for its services: app, amount, freed
-    NoLearntNeed,   // no learnt row for the app
     Disabled,       // the feature gave up while starting
   };
   Kind kind;

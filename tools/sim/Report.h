@@ -3,12 +3,14 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "LaunchCost.h"
 #include "Scenario.h"
 
 namespace vsim {
@@ -18,8 +20,15 @@ namespace vsim {
 constexpr double kKillWindowMinKB = 20480;
 constexpr double kKillWindowMaxKB = 614400;
 
-enum class KillBy { Background, Favourite, User, Device };
+// Who killed a process: the plug-in from one of its three lists, the
+// device's low-memory killer, or the oracle policy.
+enum class KillBy { Background, Favourite, User, Device, Oracle };
 const char* killByName(KillBy by);
+inline bool byPolicy(KillBy by) { return by != KillBy::Device; }
+
+// Why a launch had to start the app's process.
+enum class ColdCause { Warm, First, Removed, KilledByPolicy, KilledByDevice, Other };
+const char* coldCauseName(ColdCause cause);
 
 struct Victim {
   std::string name;
@@ -34,6 +43,7 @@ struct LaunchRecord {
   double at = 0;
   std::string app;
   bool cold = true;                  // a new process (not a return to a running one that survived the hint)
+  ColdCause coldCause = ColdCause::First;
   uint64_t trueKB = 0;               // the app's true need (ion_kgsl + rss_swap)
   std::optional<uint64_t> learntKB;  // its learnt need when the launch hint came
   double amountKB = 0;               // what the plug-in decided to free for the app
@@ -44,7 +54,11 @@ struct LaunchRecord {
   uint64_t freeBeforeKB = 0;         // free memory when the hint came
   uint64_t freeAfterKB = 0;          // free memory once the app was running
   uint64_t lackedKB = 0;             // memory the launch could not get without swapping or killing
-  bool answered = false;             // the plug-in logged its decision for this launch
+  bool answered = false;             // the plug-in (or the oracle) decided an amount for this launch
+  LaunchWork work;                   // what the kernel did for the launch
+  double launchMs = 0;               // the estimated launch time
+  std::string slot;                  // the time slot of the launch ("week_day_1")
+  bool favourite = false;            // the app was a favourite of the slot, as the host predicted then
 };
 
 struct AppOutcome {
@@ -64,8 +78,10 @@ struct TimelinePoint {
 
 struct Summary {
   size_t launches = 0, coldLaunches = 0;
-  size_t kills = 0, killsBackground = 0, killsFavourite = 0, killsUser = 0, killsDevice = 0;
-  double freedKB = 0;          // by the plug-in
+  size_t coldByPolicyKills = 0, coldByDeviceKills = 0;  // cold because an earlier kill took the app
+  size_t kills = 0, killsBackground = 0, killsFavourite = 0, killsUser = 0, killsDevice = 0, killsOracle = 0;
+  size_t killsByPolicy = 0;    // all but the low-memory killer's
+  double freedKB = 0;          // by the plug-in (or the oracle)
   double askedKB = 0;          // amounts in the kill window the plug-in decided to free
   double overKillKB = 0;       // freed beyond the amount, summed over launches
   size_t askingLaunches = 0;   // launches for which it decided to free an amount in the window
@@ -75,6 +91,12 @@ struct Summary {
   uint64_t lackedKB = 0;
   size_t appsLearnt = 0;
   double meanLearntErrorPct = 0;  // over learnt apps, |learnt - true| / true
+  size_t servicesLearnt = 0;
+  double meanServiceErrorPct = 0;
+  double launchMsMean = 0, launchMsP95 = 0, launchMsTotal = 0;
+  size_t favouriteLaunches = 0;  // launches of an app that was a favourite of the slot
+  size_t appsAliveAtEnd = 0;
+  size_t coldByKills() const { return coldByPolicyKills + coldByDeviceKills; }
 };
 
 struct ExpectationResult {
@@ -89,15 +111,22 @@ class Report {
   std::string deviceClass;
   uint64_t totalKB = 0;
   std::string runDir;
+  std::string policy = "vorak";
+  bool multiDay = false;              // times are shown with their weekday
   std::vector<std::string> problems;  // run-level notes (plug-in disabled, ...)
+  size_t appsAliveAtEnd = 0;
+  // The host's favourites per slot at the end of the run.
+  std::map<std::string, std::vector<std::string>> favourites;
 
   void addLaunch(LaunchRecord r) { mLaunches.push_back(std::move(r)); }
   void addDeviceKill(double at, Victim v);
   void addApp(AppOutcome a) { mApps.push_back(std::move(a)); }
+  void addService(AppOutcome s) { mServices.push_back(std::move(s)); }
   void addPoint(TimelinePoint p) { mTimeline.push_back(p); }
 
   const std::vector<LaunchRecord>& launches() const { return mLaunches; }
   const std::vector<AppOutcome>& apps() const { return mApps; }
+  const std::vector<AppOutcome>& services() const { return mServices; }
   const std::vector<TimelinePoint>& timeline() const { return mTimeline; }
   // Kills by the device itself, outside any launch's plug-in pass.
   const std::vector<std::pair<double, Victim>>& deviceKills() const { return mDeviceKills; }
@@ -107,17 +136,29 @@ class Report {
 
   std::string launchLine(const LaunchRecord& r) const;
   std::string launchHeader() const;
+  std::string timeOf(double at) const { return multiDay ? dayTime(at) : clockTime(at); }
   std::string toText(const std::vector<Expectation>& expectations = {}) const;
   nlohmann::json toJson(const std::vector<Expectation>& expectations = {}) const;
 
  private:
   std::vector<LaunchRecord> mLaunches;
   std::vector<AppOutcome> mApps;
+  std::vector<AppOutcome> mServices;
   std::vector<TimelinePoint> mTimeline;
   std::vector<std::pair<double, Victim>> mDeviceKills;
+
+  std::string summaryText() const;
+  std::string learntText() const;
+  std::string slotText() const;
+  std::string expectationText(const std::vector<Expectation>& expectations) const;
 };
+
+// The summary's figures as JSON, as report.json and the comparison write them.
+nlohmann::json summaryJson(const Summary& s);
 
 // "512 MB", "1.5 GB"; KB below 1 MB as "0 MB".
 std::string formatMB(double kb);
+// "850 ms", "1.25 s", "3.4 min".
+std::string formatMs(double ms);
 
 }  // namespace vsim

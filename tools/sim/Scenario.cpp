@@ -1,11 +1,16 @@
 #include "Scenario.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <set>
 #include <sstream>
+
+#include "Text.h"
+#include "features/vorak/VorakAppName.h"
 
 namespace vsim {
 namespace {
@@ -80,10 +85,40 @@ double parseTime(const json& v, const std::string& where) {
   fail(where, "expected seconds or \"HH:MM[:SS]\"");
 }
 
+// A day of waiting is beyond any launch.
+constexpr double kMaxLaunchMs = 86400000.0;
+
+void parseCosts(const json& d, LaunchCosts& c) {
+  c.coldLaunchMs = numberAt(d, "coldLaunchMs", "device", c.coldLaunchMs, 0, kMaxLaunchMs);
+  c.warmLaunchMs = numberAt(d, "warmLaunchMs", "device", c.warmLaunchMs, 0, kMaxLaunchMs);
+  c.cacheRefaultMsPerMB = numberAt(d, "cacheRefaultMsPerMB", "device", c.cacheRefaultMsPerMB, 0, 1e4);
+  c.zramCompressMsPerMB = numberAt(d, "zramCompressMsPerMB", "device", c.zramCompressMsPerMB, 0, 1e4);
+  c.zramDecompressMsPerMB = numberAt(d, "zramDecompressMsPerMB", "device", c.zramDecompressMsPerMB, 0, 1e4);
+  c.lmkWaitMsPerMB = numberAt(d, "lmkWaitMsPerMB", "device", c.lmkWaitMsPerMB, 0, 1e4);
+}
+
+std::optional<double> optionalMs(const json& obj, const char* key, const std::string& where) {
+  if (!obj.contains(key)) return std::nullopt;
+  return numberAt(obj, key, where, 0, 0, kMaxLaunchMs);
+}
+
+// Names enter the plug-in as keys of its rows: they pass its one check.
+std::string nameAt(const json& obj, const std::string& where) {
+  const std::string name = stringAt(obj, "name", where);
+  if (const char* problem = vorak::appNameProblem(name))
+    fail(where + ".name", "'" + printable(name) + "' is not a valid name: " + problem);
+  return name;
+}
+
+void checkCount(size_t n, size_t max, const char* what) {
+  if (n > max) fail(what, "more than " + std::to_string(max) + " (the simulator's bound)");
+}
+
 DeviceProfile parseDevice(const json& d) {
   checkKeys(d, "device",
             {"class", "totalKB", "zramSizeKB", "zramRatio", "systemAnonKB", "systemGpuKB", "cacheKB", "minCacheKB",
-             "lowWatermarkKB"});
+             "lowWatermarkKB", "coldLaunchMs", "warmLaunchMs", "cacheRefaultMsPerMB", "zramCompressMsPerMB",
+             "zramDecompressMsPerMB", "lmkWaitMsPerMB"});
   int gb = 4;
   if (d.contains("class")) {
     const std::string c = stringAt(d, "class", "device");
@@ -106,6 +141,7 @@ DeviceProfile parseDevice(const json& d) {
   p.cacheKB = kbAt(d, "cacheKB", "device", p.cacheKB);
   p.minCacheKB = kbAt(d, "minCacheKB", "device", std::min(p.minCacheKB, p.cacheKB));
   p.lowWatermarkKB = kbAt(d, "lowWatermarkKB", "device", p.lowWatermarkKB);
+  parseCosts(d, p.costs);
   if (p.memClass().empty())
     fail("device.totalKB", std::to_string(p.totalKB) + " KB is outside the plug-in's range (1048577..8388608)");
   if (p.minCacheKB > p.cacheKB) fail("device.minCacheKB", "exceeds cacheKB");
@@ -163,11 +199,12 @@ Scenario parseScenario(const std::string& text) {
   json root;
   try {
     root = json::parse(text);
-  } catch (const json::parse_error& e) {
-    // nlohmann's message carries the byte offset; keep it on one line.
+  } catch (const json::exception& e) {
+    // A syntax error, or a number beyond double range (1e400). nlohmann's
+    // message carries the byte offset; keep it on one line.
     std::string what = e.what();
     const auto colon = what.find("] ");
-    fail("", "not valid JSON: " + (colon == std::string::npos ? what : what.substr(colon + 2)));
+    fail("", "not valid JSON: " + printable(colon == std::string::npos ? what : what.substr(colon + 2)));
   }
   checkKeys(root, "scenario", {"name", "device", "samplesThreshold", "seed", "services", "apps", "events", "expect"});
 
@@ -180,12 +217,13 @@ Scenario parseScenario(const std::string& text) {
   std::set<std::string> names;
   if (root.contains("services")) {
     if (!root["services"].is_array()) fail("services", "expected an array");
+    checkCount(root["services"].size(), kMaxServices, "services");
     for (size_t i = 0; i < root["services"].size(); ++i) {
       const std::string where = "services[" + std::to_string(i) + "]";
       const json& s = root["services"][i];
       checkKeys(s, where, {"name", "rssSwapKB", "ionKgslKB", "fileKB", "oomAdj"});
       ServiceProfile profile;
-      profile.name = stringAt(s, "name", where);
+      profile.name = nameAt(s, where);
       if (!names.insert(profile.name).second) fail(where + ".name", "'" + profile.name + "' is defined twice");
       profile.rssSwapKB = kbAt(s, "rssSwapKB", where, 0, true);
       profile.ionKgslKB = kbAt(s, "ionKgslKB", where, 0);
@@ -197,14 +235,15 @@ Scenario parseScenario(const std::string& text) {
 
   if (!root.contains("apps") || !root["apps"].is_array() || root["apps"].empty())
     fail("apps", "expected a non-empty array");
+  checkCount(root["apps"].size(), kMaxApps, "apps");
   for (size_t i = 0; i < root["apps"].size(); ++i) {
     const std::string where = "apps[" + std::to_string(i) + "]";
     const json& a = root["apps"][i];
-    checkKeys(a, where, {"name", "rssSwapKB", "ionKgslKB", "fileKB", "services", "growKB", "jitter"});
+    checkKeys(a, where,
+              {"name", "rssSwapKB", "ionKgslKB", "fileKB", "services", "growKB", "jitter", "coldLaunchMs",
+               "warmLaunchMs"});
     AppProfile profile;
-    profile.name = stringAt(a, "name", where);
-    // Names reach the plug-in's SQL text unescaped; a quote would break its queries.
-    if (profile.name.find('\'') != std::string::npos) fail(where + ".name", "must not contain a quote");
+    profile.name = nameAt(a, where);
     if (!names.insert(profile.name).second) fail(where + ".name", "'" + profile.name + "' is defined twice");
     profile.rssSwapKB = kbAt(a, "rssSwapKB", where, 0, true);
     if (profile.rssSwapKB == 0) fail(where + ".rssSwapKB", "must be above 0 (a launch without memory is never sampled)");
@@ -212,6 +251,8 @@ Scenario parseScenario(const std::string& text) {
     profile.fileKB = kbAt(a, "fileKB", where, 0);
     profile.growKB = kbAt(a, "growKB", where, 0);
     profile.jitter = numberAt(a, "jitter", where, 0.0, 0.0, 0.5);
+    profile.coldLaunchMs = optionalMs(a, "coldLaunchMs", where);
+    profile.warmLaunchMs = optionalMs(a, "warmLaunchMs", where);
     if (a.contains("services")) {
       if (!a["services"].is_array()) fail(where + ".services", "expected an array of service names");
       for (const auto& s : a["services"]) {
@@ -226,6 +267,7 @@ Scenario parseScenario(const std::string& text) {
       if (sc.service(s) == nullptr) fail("apps[" + std::to_string(i) + "].services", "unknown service '" + s + "'");
 
   if (!root.contains("events") || !root["events"].is_array()) fail("events", "expected an array");
+  checkCount(root["events"].size(), kMaxEvents, "events");
   for (size_t i = 0; i < root["events"].size(); ++i) {
     const std::string where = "events[" + std::to_string(i) + "]";
     const json& e = root["events"][i];
@@ -273,6 +315,7 @@ Scenario parseScenario(const std::string& text) {
     }
     sc.events.push_back(ev);
   }
+  checkCount(sc.events.size(), kMaxEvents, "events (an open is three)");
   std::stable_sort(sc.events.begin(), sc.events.end(), [](const Event& a, const Event& b) { return a.at < b.at; });
 
   if (root.contains("expect")) {
@@ -299,12 +342,19 @@ Scenario parseScenario(const std::string& text) {
 }
 
 Scenario loadScenario(const std::string& path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) fail(path, "is a directory, not a scenario file");
   std::ifstream in(path, std::ios::binary);
   if (!in) fail(path, "cannot read");
-  std::ostringstream s;
-  s << in.rdbuf();
+  // Read one byte past the bound: an endless input (/dev/zero) stops there.
+  std::string text(kMaxScenarioBytes + 1, '\0');
+  in.read(&text[0], static_cast<std::streamsize>(text.size()));
+  if (in.bad()) fail(path, "cannot read");
+  text.resize(static_cast<size_t>(in.gcount()));
+  if (text.size() > kMaxScenarioBytes)
+    fail(path, "larger than " + std::to_string(kMaxScenarioBytes >> 20) + " MiB, the simulator's bound");
   try {
-    return parseScenario(s.str());
+    return parseScenario(text);
   } catch (const ScenarioError& e) {
     fail(path, e.what());
   }
@@ -317,13 +367,25 @@ std::string clockTime(double seconds) {
   return buf;
 }
 
+std::string dayTime(double seconds) {
+  static const char* const kDays[] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
+  const long day = static_cast<long>(seconds) / 86400;
+  return std::string(kDays[day % 7]) + " " + clockTime(seconds - static_cast<double>(day) * 86400.0);
+}
+
 json Scenario::toJson() const {
   json j;
   j["name"] = name;
   j["device"] = {{"totalKB", device.totalKB},           {"zramSizeKB", device.zramSizeKB},
                  {"zramRatio", device.zramRatio},       {"systemAnonKB", device.systemAnonKB},
                  {"systemGpuKB", device.systemGpuKB},   {"cacheKB", device.cacheKB},
-                 {"minCacheKB", device.minCacheKB},     {"lowWatermarkKB", device.lowWatermarkKB}};
+                 {"minCacheKB", device.minCacheKB},     {"lowWatermarkKB", device.lowWatermarkKB},
+                 {"coldLaunchMs", device.costs.coldLaunchMs},
+                 {"warmLaunchMs", device.costs.warmLaunchMs},
+                 {"cacheRefaultMsPerMB", device.costs.cacheRefaultMsPerMB},
+                 {"zramCompressMsPerMB", device.costs.zramCompressMsPerMB},
+                 {"zramDecompressMsPerMB", device.costs.zramDecompressMsPerMB},
+                 {"lmkWaitMsPerMB", device.costs.lmkWaitMsPerMB}};
   j["samplesThreshold"] = samplesThreshold;
   j["seed"] = seed;
   j["services"] = json::array();
@@ -331,10 +393,13 @@ json Scenario::toJson() const {
     j["services"].push_back({{"name", s.name}, {"rssSwapKB", s.rssSwapKB}, {"ionKgslKB", s.ionKgslKB},
                              {"fileKB", s.fileKB}, {"oomAdj", s.oomAdj}});
   j["apps"] = json::array();
-  for (const auto& a : apps)
-    j["apps"].push_back({{"name", a.name}, {"rssSwapKB", a.rssSwapKB}, {"ionKgslKB", a.ionKgslKB},
-                         {"fileKB", a.fileKB}, {"services", a.services}, {"growKB", a.growKB},
-                         {"jitter", a.jitter}});
+  for (const auto& a : apps) {
+    json app{{"name", a.name},         {"rssSwapKB", a.rssSwapKB}, {"ionKgslKB", a.ionKgslKB}, {"fileKB", a.fileKB},
+             {"services", a.services}, {"growKB", a.growKB},       {"jitter", a.jitter}};
+    if (a.coldLaunchMs) app["coldLaunchMs"] = *a.coldLaunchMs;
+    if (a.warmLaunchMs) app["warmLaunchMs"] = *a.warmLaunchMs;
+    j["apps"].push_back(app);
+  }
   j["events"] = json::array();
   for (const auto& e : events) {
     json ev{{"type", eventTypeName(e.type)}};

@@ -3,7 +3,9 @@
 // built in (a simulated day on a 4 GB device).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,6 +24,7 @@ struct AppProfile {
   std::vector<std::string> services;
   uint64_t growKB = 0;     // anonymous memory a process adds in its first foreground use
   double jitter = 0.0;     // each launch's need varies by up to this share
+  std::optional<double> coldLaunchMs, warmLaunchMs;  // the app's own base launch times, if not the device's
   uint64_t needKB() const { return rssSwapKB + ionKgslKB; }
 };
 
@@ -81,6 +84,15 @@ class ScenarioError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Bounds of what a scenario may hold, so that a runaway file fails at once
+// with a clear message instead of exhausting memory: the plug-in's tables
+// list at most 1000 distinct names, and a week of heavy use is some
+// thousands of events.
+constexpr size_t kMaxScenarioBytes = size_t{64} << 20;
+constexpr size_t kMaxApps = 500;
+constexpr size_t kMaxServices = 100;
+constexpr size_t kMaxEvents = 1000000;
+
 // Parses and checks a scenario; errors name the offending member
 // ("events[3].app: unknown app 'x'"). An "open" event stands for prepare,
 // launch and, two seconds later, complete.
@@ -90,7 +102,9 @@ Scenario loadScenario(const std::string& path);
 // A simulated day on a 4 GB device with twenty applications.
 Scenario defaultScenario();
 
-// "HH:MM:SS" for a time of the simulated day.
+// "HH:MM:SS" for a time of the simulated day (hours go on past 24).
 std::string clockTime(double seconds);
+// "Tue 08:05:07": the simulated time begins on a Monday at midnight.
+std::string dayTime(double seconds);
 
 }  // namespace vsim

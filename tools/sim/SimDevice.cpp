@@ -64,6 +64,11 @@ Reclaim SimDevice::grow(int pid, uint64_t anonKB) {
   return mModel.grow(pid, anonKB);
 }
 
+Reclaim SimDevice::swapIn(int pid, uint64_t* swappedInKB) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mModel.swapIn(pid, swappedInKB);
+}
+
 void SimDevice::setOomAdj(int pid, int oomAdj) {
   std::lock_guard<std::mutex> lock(mMutex);
   mModel.setOomAdj(pid, oomAdj);

@@ -28,6 +28,7 @@ class SimDevice : public kxhost::StatsSource {
   std::optional<Reclaim> addProcess(int pid, const std::string& name, uint64_t anonKB, uint64_t fileKB,
                                     uint64_t gpuKB, int oomAdj);
   Reclaim grow(int pid, uint64_t anonKB);
+  Reclaim swapIn(int pid, uint64_t* swappedInKB);
   void setOomAdj(int pid, int oomAdj);
   bool removeProcess(int pid);
   std::optional<ProcessMemory> process(int pid) const;

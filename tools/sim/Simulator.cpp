@@ -11,17 +11,22 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "DependentServices.h"
+#include "FeatureState.h"
+#include "FetchPreferredApps.h"
 #include "FsRoot.h"
+#include "Oracle.h"
 #include "Properties.h"
 #include "StatsProvider.h"
-#include "WallClock.h"
+#include "Text.h"
 #include "VorakDbFile.h"
+#include "WallClock.h"
 #include "kxhost/LogCapture.h"
 
 namespace vsim {
@@ -40,6 +45,9 @@ constexpr int32_t kLaunchType = 2;
 constexpr int kForegroundAdj = 0;
 constexpr int kPreviousAdj = 700;
 constexpr int kCachedAdj = 900;
+// The kill action's candidates: the host's kill-priority range of background processes.
+constexpr int kCandidateAdjMin = 700;
+constexpr int kCandidateAdjMax = 1000;
 
 // The wall clock of the simulated device: the simulated day is a Monday, so
 // its time slots are the weekday ones, and they turn with the simulated
@@ -52,7 +60,7 @@ time_t simulatedClock(time_t* out) {
   return now;
 }
 
-void setSimulatedTime(double secondsIntoDay) {
+void setSimulatedTime(double secondsSinceMonday) {
   static const time_t midnight = [] {
     std::tm monday{};
     monday.tm_year = 2026 - 1900;
@@ -61,7 +69,21 @@ void setSimulatedTime(double secondsIntoDay) {
     monday.tm_isdst = -1;
     return std::mktime(&monday);
   }();
-  gSimTime.store(midnight + static_cast<time_t>(secondsIntoDay));
+  gSimTime.store(midnight + static_cast<time_t>(secondsSinceMonday));
+}
+
+// A serialized model followed by one more singular field sets that field:
+// parsing keeps the last value. So appending field 3 (fixed32) replaces the
+// model's safeload and leaves the rest as shipped.
+void appendSafeload(const fs::path& model, float safeload) {
+  constexpr char kSafeloadTag = (3 << 3) | 5;
+  uint32_t bits;
+  std::memcpy(&bits, &safeload, sizeof bits);
+  std::string bytes(1, kSafeloadTag);
+  for (int i = 0; i < 4; ++i) bytes += static_cast<char>((bits >> (8 * i)) & 0xFF);
+  std::ofstream out(model, std::ios::binary | std::ios::app);
+  out << bytes;
+  if (!out) throw std::runtime_error(model.string() + ": cannot write");
 }
 
 volatile std::sig_atomic_t gStop = 0;
@@ -117,9 +139,25 @@ bool othersRunnable() {
   return runnable;
 }
 
+void addReclaim(LaunchWork& work, const Reclaim& r) {
+  work.cacheDroppedKB += r.cacheDroppedKB;
+  work.swappedOutKB += r.swappedKB;
+  // Memory that even the low-memory killer did not find is waited for too.
+  work.lmkWaitKB += r.shortKB;
+}
+
+// What swapping `swappedKB` back in takes: decompressing frees the
+// compressed copy as it goes.
+uint64_t swapInNeedKB(uint64_t swappedKB, double zramRatio) {
+  const auto compressed = static_cast<uint64_t>(std::ceil(static_cast<double>(swappedKB) / zramRatio));
+  return swappedKB - std::min(swappedKB, compressed);
+}
+
 }  // namespace
 
 void Simulator::stop() { gStop = 1; }
+
+bool Simulator::stopped() { return gStop != 0; }
 
 Simulator::Simulator(Scenario scenario, SimOptions options)
     : mScenario(std::move(scenario)), mOptions(std::move(options)) {}
@@ -148,7 +186,13 @@ void Simulator::prepareRunDir() {
   }
   if (ec) throw std::runtime_error(mOptions.modelDir + ": " + ec.message());
   if (copied == 0) throw std::runtime_error(mOptions.modelDir + ": no vorak_*.data model files");
-  std::ofstream(root / "scenario.json") << mScenario.toJson().dump(2) << "\n";
+  const fs::path model = models / ("vorak_" + mScenario.device.memClass() + ".data");
+  if (!mOptions.modelFile.empty()) {
+    if (!fs::is_regular_file(mOptions.modelFile)) throw std::runtime_error(mOptions.modelFile + ": no such model file");
+    fs::copy_file(mOptions.modelFile, model, fs::copy_options::overwrite_existing);
+  }
+  if (mOptions.policy.safeload) appendSafeload(model, *mOptions.policy.safeload);
+  std::ofstream(root / "scenario.json") << dumpJson(mScenario.toJson()) << "\n";
 }
 
 void Simulator::startHost() {
@@ -156,7 +200,12 @@ void Simulator::startHost() {
   mLog = std::make_shared<PluginLog>((fs::path(mOptions.runDir) / "vorak.log").string());
 
   kxhost::setFsRoot(mOptions.runDir);
-  kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
+  // States and launch history of an earlier run in this process belong to that run.
+  kxhost::clearFeatureStates();
+  FetchPreferredApps::clearHistory();
+  // Without the plug-in acting it is switched off at its enable gate, as on a device.
+  const bool acts = mOptions.policy.pluginActs();
+  kxhost::setProperty("ro.vendor.perf.enable.vorak", acts ? "true" : "false");
   // Traces on: the decision for each launch is only logged with them.
   kxhost::setProperty("vendor.debug.trace.VORAK", "1");
   kxhost::setStatsSource(mDevice);
@@ -170,7 +219,8 @@ void Simulator::startHost() {
   o.samplesThreshold = mScenario.samplesThreshold;
   o.learntRowExists = [this](const std::string& name) { return learntRows().count(name) != 0; };
   mHost = std::make_unique<PluginHost>(o);
-  if (mHost->disabled()) {
+  if (!acts && !mHost->disabled()) throw HostError("the plug-in stayed enabled with its enable property off");
+  if (acts && mHost->disabled()) {
     std::string why;
     for (const auto& e : mLog->take())
       if (e.kind == PluginEvent::Kind::Disabled) why = e.text;
@@ -179,20 +229,21 @@ void Simulator::startHost() {
 }
 
 Report Simulator::run() {
-  gStop = 0;
   prepareRunDir();
   startHost();
   mReport.scenarioName = mScenario.name;
   mReport.deviceClass = mScenario.device.memClass();
   mReport.totalKB = mScenario.device.totalKB;
   mReport.runDir = mOptions.runDir;
+  mReport.policy = mOptions.policy.name();
+  mReport.multiDay = mScenario.durationSec() >= 86400.0;
   mLog->take();
   setSimulatedTime(0);
   kxhost::setWallClock(simulatedClock);
 
   for (const auto& e : mScenario.events) {
     if (gStop) {
-      mReport.problems.push_back("interrupted at " + clockTime(mNow) + "; the report covers the events before");
+      mReport.problems.push_back("interrupted at " + mReport.timeOf(mNow) + "; the report covers the events before");
       break;
     }
     mNow = e.at;
@@ -214,8 +265,12 @@ void Simulator::play(const Event& e) {
     case EventType::Launch: onLaunch(e); break;
     case EventType::Complete: onComplete(e); break;
     case EventType::Remove: onRemove(e); break;
-    case EventType::Service: startService(e.target); break;
-    case EventType::Learn: onLearn(); break;
+    case EventType::Service: startService(e.target, nullptr); break;
+    case EventType::Learn:
+      mLearnt.reset();
+      mHost->learn();
+      mLearnt.reset();
+      break;
     case EventType::Grow: {
       auto it = mApps.find(e.target);
       if (it != mApps.end() && it->second.pid > 0) mDevice->grow(it->second.pid, e.kb);
@@ -228,9 +283,9 @@ void Simulator::play(const Event& e) {
 void Simulator::noteStrayDeaths() {
   // The plug-in kills only while a hint is delivered; a child that dies at
   // any other time was not its doing, but its memory is freed all the same.
-  for (const auto& v : settleDeaths())
+  for (const auto& v : settleDeaths(ColdCause::Other))
     mReport.problems.push_back(v.name + " (pid " + std::to_string(v.pid) + ") died outside any launch at " +
-                               clockTime(mNow));
+                               mReport.timeOf(mNow));
 }
 
 void Simulator::onPrepare(const Event& e) {
@@ -251,27 +306,52 @@ void Simulator::onPrepare(const Event& e) {
   mPool.reap();
 }
 
-void Simulator::onLaunch(const Event& e) {
-  const AppProfile& profile = *mScenario.app(e.target);
-  AppRun& run = mApps[profile.name];
-  noteStrayDeaths();
-  if (!mForeground.empty() && mForeground != profile.name) demote(mForeground);
-
+LaunchRecord Simulator::newLaunch(const AppProfile& profile) {
   LaunchRecord rec;
   rec.index = ++mLaunchCount;
   rec.at = mNow;
   rec.app = profile.name;
-  rec.cold = run.pid == 0;
   rec.trueKB = profile.needKB();
   rec.learntKB = learntNeed(profile.name);
   rec.freeBeforeKB = mDevice->snapshot().freeKB();
-  ++run.launches;
+  // The slot and its favourites as the host predicts them now, before this launch is noted.
+  const time_t now = kxhost::wallTime();
+  std::tm local{};
+  localtime_r(&now, &local);
+  rec.slot = FetchPreferredApps::timeSlotKey(local);
+  const auto favourites = FetchPreferredApps::predict(now);
+  auto it = favourites.find(rec.slot);
+  rec.favourite = it != favourites.end() &&
+                  std::find(it->second.begin(), it->second.end(), profile.name) != it->second.end();
+  return rec;
+}
+
+void Simulator::onLaunch(const Event& e) {
+  const AppProfile& profile = *mScenario.app(e.target);
+  noteStrayDeaths();
+  if (!mForeground.empty() && mForeground != profile.name) demote(mForeground);
+  LaunchRecord rec = newLaunch(profile);
+  ++mApps[profile.name].launches;
 
   mLog->take();
-  const auto p = payload(kHintLaunch, kLaunchType, profile.name, run.pid);
+  const auto p = payload(kHintLaunch, kLaunchType, profile.name, mApps[profile.name].pid);
   mHost->trigger(p);
   mHost->hint(p);
+  std::vector<Victim> dead = mOptions.policy.kind == Policy::Kind::Oracle ? oracleKills(profile, rec)
+                                                                          : pluginKills(profile, rec);
+  for (const auto& v : dead) {
+    ++mKills[v.name];
+    rec.victims.push_back(v);
+  }
+  bringUp(profile, rec);
+  mForeground = profile.name;
+  mRecent.erase(std::remove(mRecent.begin(), mRecent.end(), profile.name), mRecent.end());
+  reassignOomAdj();
+  rec.freeAfterKB = mDevice->snapshot().freeKB();
+  mReport.addLaunch(std::move(rec));
+}
 
+std::vector<Victim> Simulator::pluginKills(const AppProfile& profile, LaunchRecord& rec) {
   // What the kill action said, in order: its kills for the app, the app's
   // decision line, then the kills of the service pass.
   struct Said {
@@ -302,59 +382,120 @@ void Simulator::onLaunch(const Event& e) {
   // for each child the plug-in reports killed, so that it counts for this launch.
   std::vector<Victim> dead;
   for (const auto& [pid, what] : said)
-    if (mPool.owns(pid) && mPool.awaitDeath(pid)) dead.push_back(takeDead(pid, ""));
-  for (auto& v : settleDeaths()) dead.push_back(v);
-  for (auto v : dead) {
+    if (mPool.owns(pid) && mPool.awaitDeath(pid)) dead.push_back(takeDead(pid, "", ColdCause::KilledByPolicy));
+  for (auto& v : settleDeaths(ColdCause::KilledByPolicy)) dead.push_back(v);
+  for (auto& v : dead) {
     auto it = said.find(v.pid);
-    if (it != said.end()) {
-      v.by = it->second.by;
-      v.kb = static_cast<uint64_t>(std::max(0L, it->second.kb));
-      v.servicePass = it->second.servicePass;
-    }
-    auto a = mApps.find(v.name);
-    if (a != mApps.end()) ++a->second.killed;
-    rec.victims.push_back(v);
+    if (it == said.end()) continue;
+    v.by = it->second.by;
+    v.kb = static_cast<uint64_t>(std::max(0L, it->second.kb));
+    v.servicePass = it->second.servicePass;
   }
+  return dead;
+}
 
-  // The launching app's own process may have been among the victims.
-  if (run.pid == 0) {
-    rec.cold = true;
-    startApp(profile, rec);
+std::vector<Victim> Simulator::oracleKills(const AppProfile& profile, LaunchRecord& rec) {
+  const DeviceModel m = mDevice->snapshot();
+  const uint64_t want = demandKB(profile) + mScenario.device.lowWatermarkKB;
+  const uint64_t clean = m.cleanKB();
+  const int64_t shortfall = want > clean ? static_cast<int64_t>(want - clean) : 0;
+  rec.answered = true;
+  rec.amountKB = static_cast<double>(shortfall);
+  // What a kill truly gives a launch: its anonymous and graphics memory, and
+  // the compressed copy of what it had swapped; its file pages were free to
+  // drop anyway.
+  std::vector<Candidate> candidates;
+  for (const auto& [pid, name] : mOwners) {
+    const auto mem = m.process(pid);
+    if (!mem || mem->oomAdj < kCandidateAdjMin || mem->oomAdj > kCandidateAdjMax) continue;
+    if (mServices.count(name) != 0 || name == profile.name) continue;
+    const auto zram = static_cast<uint64_t>(std::ceil(static_cast<double>(mem->swappedKB) / mScenario.device.zramRatio));
+    candidates.push_back({pid, mem->anonKB + mem->gpuKB + zram});
   }
+  std::vector<Victim> dead;
+  for (const Candidate& c : oracleVictims(candidates, shortfall)) {
+    if (!mPool.kill(c.pid)) continue;
+    mPool.awaitDeath(c.pid);
+    Victim v = takeDead(c.pid, "", ColdCause::KilledByPolicy);
+    v.by = KillBy::Oracle;
+    v.kb = c.kb;
+    rec.freedKB += static_cast<double>(c.kb);
+    dead.push_back(v);
+  }
+  return dead;
+}
+
+Simulator::Sizes Simulator::sizesOf(const AppProfile& profile, uint64_t seq) const {
+  const double f = 1.0 + profile.jitter * variation(mScenario.seed, profile.name, seq);
+  return Sizes{scaled(profile.rssSwapKB, f), scaled(profile.ionKgslKB, f), profile.fileKB};
+}
+
+uint64_t Simulator::demandKB(const AppProfile& profile) const {
+  uint64_t kb = 0;
+  auto run = mApps.find(profile.name);
+  const pid_t pid = run == mApps.end() ? 0 : run->second.pid;
+  if (pid == 0) {
+    kb += sizesOf(profile, run == mApps.end() ? 0 : run->second.jitterSeq).total();
+  } else if (const auto mem = mDevice->process(pid)) {
+    kb += swapInNeedKB(mem->swappedKB, mScenario.device.zramRatio);
+  }
+  for (const auto& s : profile.services) {
+    const ServiceProfile* sp = mScenario.service(s);
+    if (sp != nullptr && mServices.count(s) == 0) kb += sp->rssSwapKB + sp->ionKgslKB + sp->fileKB;
+  }
+  return kb;
+}
+
+void Simulator::bringUp(const AppProfile& profile, LaunchRecord& rec) {
+  AppRun& run = mApps[profile.name];
+  rec.cold = run.pid == 0;
+  rec.coldCause = rec.cold ? run.lostTo : ColdCause::Warm;
+  // What the policy left: memory the launch cannot get from free memory and
+  // clean cache has to come from swapping out other apps, or from the
+  // device's low-memory killer, while the user waits.
+  const uint64_t want = demandKB(profile) + mScenario.device.lowWatermarkKB;
+  const uint64_t clean = mDevice->snapshot().cleanKB();
+  rec.lackedKB = want > clean ? want - clean : 0;
+  if (rec.cold) startApp(profile, rec);
+  else swapInApp(profile, rec);
   for (const auto& s : profile.services)
-    if (mServices.count(s) == 0) startService(s);
-  mForeground = profile.name;
-  mRecent.erase(std::remove(mRecent.begin(), mRecent.end(), profile.name), mRecent.end());
-  reassignOomAdj();
-  rec.freeAfterKB = mDevice->snapshot().freeKB();
-  mReport.addLaunch(std::move(rec));
+    if (mServices.count(s) == 0) startService(s, &rec);
+  rec.work.cold = rec.cold;
+  rec.work.baseMs = rec.cold ? profile.coldLaunchMs : profile.warmLaunchMs;
+  rec.launchMs = estimateLaunchMs(mScenario.device.costs, rec.work);
 }
 
 void Simulator::startApp(const AppProfile& profile, LaunchRecord& rec) {
   AppRun& run = mApps[profile.name];
-  const double f = 1.0 + profile.jitter * variation(mScenario.seed, profile.name, run.jitterSeq++);
-  const uint64_t anon = scaled(profile.rssSwapKB, f), gpu = scaled(profile.ionKgslKB, f), file = profile.fileKB;
-  const uint64_t need = anon + gpu + file;
-
-  // What the plug-in left: memory the launch cannot get from free memory and
-  // clean cache has to come from swapping out other apps, or from the
-  // device's low-memory killer, while the user waits.
-  const uint64_t clean = mDevice->snapshot().cleanKB();
-  const uint64_t low = mScenario.device.lowWatermarkKB;
-  rec.lackedKB = need + low > clean ? need + low - clean : 0;
-  makeRoom(need, &rec);
-
+  const Sizes sizes = sizesOf(profile, run.jitterSeq++);
+  makeRoom(sizes.total(), &rec);
   const pid_t pid = mPool.spawn(profile.name);
   run.pid = pid;
   run.grown = false;
   mOwners[pid] = profile.name;
-  mDevice->addProcess(pid, profile.name, anon, file, gpu, kForegroundAdj);
+  const auto r = mDevice->addProcess(pid, profile.name, sizes.anon, sizes.file, sizes.gpu, kForegroundAdj);
+  if (r) addReclaim(rec.work, *r);
+}
+
+void Simulator::swapInApp(const AppProfile& profile, LaunchRecord& rec) {
+  const pid_t pid = mApps[profile.name].pid;
+  // In front now: its pages are touched, and it is no candidate for swapping.
+  mDevice->setOomAdj(pid, kForegroundAdj);
+  const auto mem = mDevice->process(pid);
+  if (!mem || mem->swappedKB == 0) return;
+  makeRoom(swapInNeedKB(mem->swappedKB, mScenario.device.zramRatio), &rec);
+  uint64_t back = 0;
+  addReclaim(rec.work, mDevice->swapIn(pid, &back));
+  rec.work.swappedInKB += back;
 }
 
 void Simulator::makeRoom(uint64_t needKB, LaunchRecord* rec) {
-  // The device's own low-memory killer: when not even reclaim can find the
-  // memory, it kills cached apps, least recently used first.
-  while (mDevice->snapshot().headroomKB() < needKB + mScenario.device.lowWatermarkKB && !mRecent.empty()) {
+  const uint64_t want = needKB + mScenario.device.lowWatermarkKB;
+  const uint64_t room = mDevice->snapshot().headroomKB();
+  // What not even reclaim can find waits for the low-memory killer.
+  if (rec != nullptr && want > room) rec->work.lmkWaitKB += want - room;
+  // The device's own low-memory killer kills cached apps, least recently used first.
+  while (mDevice->snapshot().headroomKB() < want && !mRecent.empty()) {
     const std::string victim = mRecent.back();
     const pid_t pid = mApps[victim].pid;
     if (pid <= 0 || !mPool.kill(pid)) {
@@ -362,23 +503,24 @@ void Simulator::makeRoom(uint64_t needKB, LaunchRecord* rec) {
       continue;
     }
     mPool.awaitDeath(pid);
-    Victim v = takeDead(pid, victim);
+    Victim v = takeDead(pid, victim, ColdCause::KilledByDevice);
     v.by = KillBy::Device;
-    ++mApps[victim].killed;
+    ++mKills[victim];
     if (rec != nullptr) rec->victims.push_back(v);
     else mReport.addDeviceKill(mNow, v);
   }
 }
 
-void Simulator::startService(const std::string& name) {
+void Simulator::startService(const std::string& name, LaunchRecord* rec) {
   if (mServices.count(name) != 0) return;
   const ServiceProfile* profile = mScenario.service(name);
   if (profile == nullptr) return;
-  makeRoom(profile->rssSwapKB + profile->ionKgslKB + profile->fileKB, nullptr);
+  makeRoom(profile->rssSwapKB + profile->ionKgslKB + profile->fileKB, rec);
   const pid_t pid = mPool.spawn(name);
   mServices[name] = pid;
   mOwners[pid] = name;
-  mDevice->addProcess(pid, name, profile->rssSwapKB, profile->fileKB, profile->ionKgslKB, profile->oomAdj);
+  const auto r = mDevice->addProcess(pid, name, profile->rssSwapKB, profile->fileKB, profile->ionKgslKB, profile->oomAdj);
+  if (r && rec != nullptr) addReclaim(rec->work, *r);
   kxhost::ServiceRegistry::instance().setServicePid(name, pid);
 }
 
@@ -397,13 +539,15 @@ void Simulator::onRemove(const Event& e) {
   const pid_t pid = it == mApps.end() ? 0 : it->second.pid;
   if (pid > 0 && mPool.kill(pid)) {
     mPool.awaitDeath(pid);
-    takeDead(pid, e.target);
+    takeDead(pid, e.target, ColdCause::Removed);
   }
   mHost->trigger(payload(kHintRemoved, 0, e.target, pid));
   letWorkerRun();
 }
 
 void Simulator::letWorkerRun() {
+  // A switched-off plug-in has no worker to wait for.
+  if (!mOptions.policy.pluginActs()) return;
   // The feature records user launches on its own worker thread, and nothing
   // tells when it is done; the hint hub's next rebuild of the candidate lists
   // reads what it wrote. On a device seconds pass in between: here, wait until
@@ -414,8 +558,6 @@ void Simulator::letWorkerRun() {
     std::this_thread::sleep_for(std::chrono::microseconds(50));
   } while (othersRunnable() && std::chrono::steady_clock::now() < deadline);
 }
-
-void Simulator::onLearn() { mHost->learn(); }
 
 void Simulator::demote(const std::string& app) {
   auto it = mApps.find(app);
@@ -439,19 +581,21 @@ void Simulator::reassignOomAdj() {
   }
 }
 
-Victim Simulator::takeDead(pid_t pid, const std::string& poolName) {
+Victim Simulator::takeDead(pid_t pid, const std::string& poolName, ColdCause cause) {
   const auto mem = mDevice->process(pid);
   mDevice->removeProcess(pid);
   auto owner = mOwners.find(pid);
   const std::string name = owner == mOwners.end() ? poolName : owner->second;
+  auto app = mApps.find(name);
+  if (app != mApps.end() && app->second.pid == pid) app->second.lostTo = cause;
   forget(pid);
   reassignOomAdj();
   return Victim{name, pid, mem ? mem->totalKB() : 0, KillBy::Background, false};
 }
 
-std::vector<Victim> Simulator::settleDeaths() {
+std::vector<Victim> Simulator::settleDeaths(ColdCause cause) {
   std::vector<Victim> out;
-  for (const auto& d : mPool.collectDeaths()) out.push_back(takeDead(d.pid, d.name));
+  for (const auto& d : mPool.collectDeaths()) out.push_back(takeDead(d.pid, d.name, cause));
   return out;
 }
 
@@ -473,9 +617,11 @@ void Simulator::forget(pid_t pid) {
   }
 }
 
-std::map<std::string, std::pair<int64_t, int64_t>> Simulator::learntRows() const {
-  std::map<std::string, std::pair<int64_t, int64_t>> out;
+const std::map<std::string, std::pair<int64_t, int64_t>>& Simulator::learntRows() const {
+  if (mLearnt) return *mLearnt;
+  auto& out = mLearnt.emplace();
   const std::string path = (fs::path(mOptions.runDir) / "data/vendor/kx/Vorakaction.db").string();
+  if (!fs::exists(path)) return out;
   try {
     vorakdb::DbFile db(path);
     for (const auto& r : db.rows(db.resolveTable(""))) {
@@ -490,7 +636,7 @@ std::map<std::string, std::pair<int64_t, int64_t>> Simulator::learntRows() const
 }
 
 std::optional<uint64_t> Simulator::learntNeed(const std::string& app) const {
-  const auto rows = learntRows();
+  const auto& rows = learntRows();
   auto it = rows.find(app);
   if (it == rows.end()) return std::nullopt;
   // The sentinels of a missing figure (-1) count as nothing, as in the decision.
@@ -509,34 +655,44 @@ void Simulator::showProgress(double at, bool final) {
   if (pct == mLastProgress) return;
   mLastProgress = pct;
   const int filled = pct / 5;
-  std::fprintf(stderr, "\r\033[Kvorak-sim %s [%s%s] %3d%%  %d launches", clockTime(at).c_str(),
-               std::string(static_cast<size_t>(filled), '#').c_str(), std::string(static_cast<size_t>(20 - filled), '.').c_str(),
-               pct, mLaunchCount);
+  std::fprintf(stderr, "\r\033[Kvorak-sim %s %s [%s%s] %3d%%  %d launches", mReport.policy.c_str(),
+               mReport.timeOf(at).c_str(), std::string(static_cast<size_t>(filled), '#').c_str(),
+               std::string(static_cast<size_t>(20 - filled), '.').c_str(), pct, mLaunchCount);
   std::fflush(stderr);
+}
+
+AppOutcome Simulator::outcome(const std::string& name, uint64_t ionKB, uint64_t rssKB,
+                              const std::map<std::string, std::pair<int64_t, int64_t>>& rows) const {
+  AppOutcome o;
+  o.name = name;
+  o.trueIonKB = ionKB;
+  o.trueRssKB = rssKB;
+  auto it = rows.find(name);
+  if (it != rows.end()) {
+    o.learntIonKB = it->second.first;
+    o.learntRssKB = it->second.second;
+  }
+  auto k = mKills.find(name);
+  if (k != mKills.end()) o.killed = k->second;
+  return o;
 }
 
 void Simulator::finishReport() {
   const auto rows = learntRows();
   for (const auto& a : mScenario.apps) {
-    AppOutcome o;
-    o.name = a.name;
-    o.trueIonKB = a.ionKgslKB;
-    o.trueRssKB = a.rssSwapKB;
-    auto it = rows.find(a.name);
-    if (it != rows.end()) {
-      o.learntIonKB = it->second.first;
-      o.learntRssKB = it->second.second;
-    }
+    AppOutcome o = outcome(a.name, a.ionKgslKB, a.rssSwapKB, rows);
     auto run = mApps.find(a.name);
     if (run != mApps.end()) {
       o.launches = run->second.launches;
-      o.killed = run->second.killed;
+      mReport.appsAliveAtEnd += run->second.pid > 0;
     }
     const int32_t state = mHost->state(a.name);
     o.state = vorakdb::stateName(state);
     if (o.state.empty()) o.state = std::to_string(state);
     mReport.addApp(o);
   }
+  for (const auto& s : mScenario.services) mReport.addService(outcome(s.name, s.ionKgslKB, s.rssSwapKB, rows));
+  mReport.favourites = FetchPreferredApps::predict(kxhost::wallTime());
 }
 
 }  // namespace vsim

@@ -1,6 +1,8 @@
 // vorak-sim: runs the plug-in on a simulated device through a scenario (a
 // built-in day on a 4 GB phone by default) and reports, launch by launch,
-// what it learnt, what it decided to free and whom it killed.
+// what it learnt, what it decided to free, whom it killed and what each
+// launch cost; or runs several policies side by side; or generates
+// scenarios of many days.
 //
 // Exit status: 0 success; 1 the scenario's expected victims were not met, or
 // the plug-in disabled itself; 2 bad usage, an unreadable scenario, or a run
@@ -12,14 +14,14 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
-#include "Picture.h"
+#include "Evaluation.h"
+#include "Generator.h"
 #include "Scenario.h"
-#include "Simulator.h"
+#include "Text.h"
 
 namespace {
 
@@ -30,10 +32,17 @@ constexpr int kExitOk = 0;
 constexpr int kExitUnmet = 1;
 constexpr int kExitBad = 2;
 
+struct Args {
+  std::string scenarioPath, builtin, runDir, policy = "vorak", policies = "vorak,none,oracle", model;
+  std::string plugin = VORAK_SIM_PLUGIN, models = VORAK_SIM_MODELS;
+  bool asJson = false, quiet = false, noProgress = false, printScenario = false, compare = false, generate = false;
+  vsim::GeneratorOptions gen;
+};
+
 std::string oneLine(std::string s) {
   std::replace(s.begin(), s.end(), '\n', ' ');
   while (!s.empty() && s.back() == ' ') s.pop_back();
-  return s;
+  return vsim::printable(s);
 }
 
 // ./run/<date-time>, with a suffix when that exists already.
@@ -50,10 +59,105 @@ std::string defaultRunDir() {
 
 void onSignal(int) { vsim::Simulator::stop(); }
 
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream out(path);
-  out << text;
-  if (!out) throw std::runtime_error(path.string() + ": cannot write");
+void describe(CLI::App& app, Args& a) {
+  app.add_option("SCENARIO", a.scenarioPath, "scenario file (JSON); default: the built-in day");
+  app.add_option("--builtin", a.builtin, "a built-in scenario instead: day (20 apps, 4 GB) or week (24 apps, 4 GB)")
+      ->check(CLI::IsMember({"day", "week"}));
+  app.add_option("--policy", a.policy,
+                 "who frees memory before a launch: vorak (the plug-in), vorak:safeload=X (its model's "
+                 "safeload replaced), none (only the device's low-memory killer), oracle (knows every true need)")
+      ->capture_default_str();
+  auto* compare = app.add_flag("--compare", a.compare,
+                               "run the scenario under each of --policies, each in its own run directory, and "
+                               "print one table (also report.json and compare.svg in the run directory)");
+  app.add_option("--policies", a.policies, "comma-separated policies for --compare")->capture_default_str()->needs(compare);
+  app.add_option("--model", a.model, "a model file used in place of the shipped one of the scenario's class");
+  auto* generate = app.add_flag("--generate", a.generate, "print a generated scenario of many days and exit");
+  app.add_option("--days", a.gen.days, "--generate: days, from a Monday (1 to 28)")->capture_default_str()->needs(generate);
+  app.add_option("--apps", a.gen.apps, "--generate: apps (1 to 500)")->capture_default_str()->needs(generate);
+  app.add_option("--device", a.gen.deviceGb, "--generate: device class, 2, 4 or 6 (GB)")
+      ->capture_default_str()
+      ->needs(generate);
+  app.add_option("--seed", a.gen.seed, "--generate: seed; the same seed gives the same scenario")
+      ->capture_default_str()
+      ->needs(generate);
+  app.add_option("--run-dir", a.runDir,
+                 "directory the device's files go to (the plug-in's databases, its log, the report and the "
+                 "picture); default ./run/<date-time>; kept after the run");
+  app.add_flag("--json", a.asJson, "print the report as JSON");
+  app.add_flag("-q,--quiet", a.quiet, "print nothing; the report is still written to the run directory");
+  app.add_flag("--no-progress", a.noProgress, "no progress line, even on a terminal");
+  app.add_flag("--print-scenario", a.printScenario,
+               "print the scenario (the built-in one without SCENARIO) as JSON and exit: a start for your own");
+  app.add_option("--plugin", a.plugin, "the plug-in's shared library")->capture_default_str();
+  app.add_option("--models", a.models, "directory holding the shipped vorak_*.data models")->capture_default_str();
+  app.footer(
+      "Files in the run directory: report.txt, report.json, timeline.svg (free memory over time, launches and "
+      "kills marked), vorak.log (the plug-in's own log), scenario.json, and the device tree the plug-in sees "
+      "(data/vendor/kx/*.db: dump them with vorak-db). With --compare: report.txt, report.json and compare.svg, "
+      "and one such directory per policy.\nExit status: 0 success, 1 expected victims not met or the plug-in "
+      "disabled itself, 2 bad usage, bad scenario or a run that could not start.");
+}
+
+vsim::Scenario chosenScenario(const Args& a) {
+  if (!a.scenarioPath.empty()) {
+    if (!a.builtin.empty()) throw vsim::ScenarioError("give a scenario file or --builtin, not both");
+    return vsim::loadScenario(a.scenarioPath);
+  }
+  return a.builtin == "week" ? vsim::builtinWeek() : vsim::defaultScenario();
+}
+
+// The command that puts this run's scenario side by side with the other policies.
+std::string compareCommand(const char* argv0, const Args& a) {
+  std::string cmd = argv0;
+  if (!a.scenarioPath.empty()) cmd += " " + vsim::printable(a.scenarioPath);
+  if (!a.builtin.empty()) cmd += " --builtin " + a.builtin;
+  return cmd + " --compare";
+}
+
+int runOne(const vsim::Scenario& scenario, const vsim::SimOptions& options, const Args& a, const char* argv0) {
+  const vsim::Report report = vsim::runPolicy(scenario, options, scenario.expectations);
+  if (!a.quiet) {
+    if (a.asJson) {
+      std::cout << vsim::dumpJson(report.toJson(scenario.expectations)) << "\n";
+    } else {
+      const fs::path dir = options.runDir;
+      std::cout << report.toText(scenario.expectations) << "\nPicture: " << (dir / "timeline.svg").string()
+                << "\nPlug-in log: " << (dir / "vorak.log").string()
+                << "\nThe same scenario without the plug-in and with an oracle, side by side: "
+                << compareCommand(argv0, a) << "\n";
+    }
+  }
+  const auto results = report.check(scenario.expectations);
+  if (std::all_of(results.begin(), results.end(), [](const auto& r) { return r.ok; })) return kExitOk;
+  std::cerr << kProg << ": expected victims not met (see the report)\n";
+  return kExitUnmet;
+}
+
+int runCompare(const vsim::Scenario& scenario, const vsim::SimOptions& options, const Args& a) {
+  const auto policies = vsim::parsePolicies(a.policies);
+  const vsim::Comparison comparison = vsim::comparePolicies(scenario, policies, options);
+  if (a.quiet) return kExitOk;
+  if (a.asJson) std::cout << vsim::dumpJson(comparison.toJson()) << "\n";
+  else std::cout << comparison.toText() << "\nPicture: " << (fs::path(options.runDir) / "compare.svg").string() << "\n";
+  return kExitOk;
+}
+
+int run(const vsim::Scenario& scenario, const Args& a, const char* argv0) {
+  struct sigaction sa {};
+  sa.sa_handler = onSignal;
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+  sigaction(SIGHUP, &sa, nullptr);
+
+  vsim::SimOptions options;
+  options.pluginPath = a.plugin;
+  options.modelDir = a.models;
+  options.modelFile = a.model;
+  options.policy = vsim::parsePolicy(a.policy);
+  options.runDir = a.runDir.empty() ? defaultRunDir() : a.runDir;
+  options.progress = !a.noProgress && !a.quiet && isatty(STDERR_FILENO);
+  return a.compare ? runCompare(scenario, options, a) : runOne(scenario, options, a, argv0);
 }
 
 }  // namespace
@@ -62,27 +166,11 @@ int main(int argc, char** argv) {
   CLI::App app{
       "Run the Vorak plug-in on a simulated device: applications with true memory needs start as real sleeping "
       "child processes, the plug-in learns their needs and kills to make room, and a report says what it "
-      "learnt, decided and killed at each launch. Without a scenario it runs a built-in day on a 4 GB phone.",
+      "learnt, decided and killed at each launch and what each launch cost. Without a scenario it runs a "
+      "built-in day on a 4 GB phone.",
       kProg};
-  std::string scenarioPath, runDir, plugin = VORAK_SIM_PLUGIN, models = VORAK_SIM_MODELS;
-  bool asJson = false, quiet = false, noProgress = false, printScenario = false;
-  app.add_option("SCENARIO", scenarioPath, "scenario file (JSON); default: the built-in day");
-  app.add_option("--run-dir", runDir,
-                 "directory the device's files go to (the plug-in's databases, its log, the report and the "
-                 "picture); default ./run/<date-time>; kept after the run");
-  app.add_flag("--json", asJson, "print the report as JSON");
-  app.add_flag("-q,--quiet", quiet, "print nothing; the report is still written to the run directory");
-  app.add_flag("--no-progress", noProgress, "no progress line, even on a terminal");
-  app.add_flag("--print-scenario", printScenario,
-               "print the scenario (the built-in one without SCENARIO) as JSON and exit: a start for your own");
-  app.add_option("--plugin", plugin, "the plug-in's shared library")->capture_default_str();
-  app.add_option("--models", models, "directory holding the shipped vorak_*.data models")->capture_default_str();
-  app.footer(
-      "Files in the run directory: report.txt, report.json, timeline.svg (free memory over time, launches and "
-      "kills marked), vorak.log (the plug-in's own log), scenario.json, and the device tree the plug-in sees "
-      "(data/vendor/kx/*.db: dump them with vorak-db).\nExit status: 0 success, 1 expected victims not met or "
-      "the plug-in disabled itself, 2 bad usage, bad scenario or a run that could not start.");
-
+  Args a;
+  describe(app, a);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -93,55 +181,22 @@ int main(int argc, char** argv) {
 
   vsim::Scenario scenario;
   try {
-    scenario = scenarioPath.empty() ? vsim::defaultScenario() : vsim::loadScenario(scenarioPath);
+    if (a.generate) {
+      std::cout << vsim::dumpJson(vsim::generateScenario(a.gen).toJson()) << "\n";
+      return kExitOk;
+    }
+    scenario = chosenScenario(a);
+    if (a.printScenario) {
+      std::cout << vsim::dumpJson(scenario.toJson()) << "\n";
+      return kExitOk;
+    }
+    return run(scenario, a, argv[0]);
   } catch (const vsim::ScenarioError& e) {
     std::cerr << kProg << ": " << oneLine(e.what()) << "\n";
     return kExitBad;
-  }
-  if (printScenario) {
-    std::cout << scenario.toJson().dump(2) << "\n";
-    return kExitOk;
-  }
-
-  struct sigaction sa {};
-  sa.sa_handler = onSignal;
-  sigaction(SIGINT, &sa, nullptr);
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGHUP, &sa, nullptr);
-
-  vsim::SimOptions options;
-  options.pluginPath = plugin;
-  options.modelDir = models;
-  options.runDir = runDir.empty() ? defaultRunDir() : runDir;
-  options.progress = !noProgress && !quiet && isatty(STDERR_FILENO);
-
-  try {
-    fs::create_directories(options.runDir);
-    vsim::Report report;
-    {
-      vsim::Simulator sim(scenario, options);
-      report = sim.run();
-    }  // every child is stopped and reaped here
-    const fs::path dir = options.runDir;
-    const std::string text = report.toText(scenario.expectations);
-    writeFile(dir / "report.txt", text);
-    writeFile(dir / "report.json", report.toJson(scenario.expectations).dump(2) + "\n");
-    writeFile(dir / "timeline.svg", vsim::renderSvg(report));
-    if (!quiet) {
-      if (asJson) {
-        std::cout << report.toJson(scenario.expectations).dump(2) << "\n";
-      } else {
-        std::cout << text << "\nPicture: " << (dir / "timeline.svg").string()
-                  << "\nPlug-in log: " << (dir / "vorak.log").string() << "\n";
-      }
-    }
-    const auto results = report.check(scenario.expectations);
-    const bool met = std::all_of(results.begin(), results.end(), [](const auto& r) { return r.ok; });
-    if (!met) {
-      std::cerr << kProg << ": expected victims not met (see the report)\n";
-      return kExitUnmet;
-    }
-    return kExitOk;
+  } catch (const vsim::PolicyError& e) {
+    std::cerr << kProg << ": " << oneLine(e.what()) << "\n";
+    return kExitBad;
   } catch (const vsim::HostError& e) {
     std::cerr << kProg << ": " << oneLine(e.what()) << "\n";
     return std::string(e.what()).find("disabled itself") != std::string::npos ? kExitUnmet : kExitBad;
