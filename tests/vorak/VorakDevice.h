@@ -27,6 +27,12 @@ class VorakFeatureTestPeer {
   static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
   // Waits until the worker has dealt with everything queued so far.
   static void drain(VorakFeature& f) { f.mTriggerQ.waitIdle(); }
+  // Queues the destructor's stop item, for a test that runs the worker's
+  // body itself.
+  static void pushStop(VorakFeature& f) { f.mTriggerQ.push(PayloadInfo::stopItem()); }
+  // Gives a feature stopped at a gate (no tables, components or worker) a
+  // User table; the feature owns `db` from then on.
+  static void setUserDb(VorakFeature& f, VorakFeature::UserDb* db) { f.mUserDb = db; }
   // The feature owns `meter` from then on.
   static void setMetaMeter(VorakFeature& f, MetaMeter* meter) {
     delete f.mMetaMeter;
@@ -73,7 +79,8 @@ inline std::string modelPath(const std::string& memClass) { return "vendor/etc/k
 
 class Device {
  public:
-  explicit Device(uint64_t memTotalKB = k4GB) {
+  // The device's root lies under `tempBase` when given.
+  explicit Device(uint64_t memTotalKB = k4GB, const std::filesystem::path& tempBase = {}) : mDir(tempBase) {
     kxhost::setFsRoot(mDir.path());
     std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
     kxhost::clearProperties();
