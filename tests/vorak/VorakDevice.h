@@ -63,6 +63,14 @@ class FixedStats : public kxhost::StatsSource {
   const uint64_t mTotalKB;
 };
 
+// The statistics of a 4 GB device with `freeKB` free.
+inline SysStats sysStats4GB(uint64_t freeKB) {
+  SysStats s{};
+  s.totalKB = 3900000;
+  s.freeKB = freeKB;
+  return s;
+}
+
 // An encoded model; `withWeight` false leaves its one entry incomplete.
 inline std::string modelBytes(bool withWeight = true) {
   VorakModel model;

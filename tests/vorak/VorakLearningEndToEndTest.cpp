@@ -19,6 +19,7 @@
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
 #include "VorakAction.h"
+#include "VorakDevice.h"
 #include "VorakFeature.h"
 #include "kxhost/LearningScheduler.h"
 #include "kxhost/LogCapture.h"
@@ -32,12 +33,7 @@ namespace {
 class LaunchStats : public kxhost::StatsSource {
  public:
   explicit LaunchStats(int pid) : mPid(pid) {}
-  SysStats sysStats() override {
-    SysStats s{};
-    s.totalKB = 3900000;
-    s.freeKB = 200000;
-    return s;
-  }
+  SysStats sysStats() override { return vorakdev::sysStats4GB(200000); }
   PIDStats pidStats(int pid) override {
     std::lock_guard<std::mutex> lock(mMutex);
     if (pid != mPid) return PIDStats{-1, 0, 0, 0, {}, 0};

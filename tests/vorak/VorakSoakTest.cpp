@@ -55,12 +55,7 @@ class DiscardSink : public kxhost::LogSink {
 // each pid has constant figures. Filled before any thread reads it.
 class SoakStats : public kxhost::StatsSource {
  public:
-  SysStats sysStats() override {
-    SysStats s{};
-    s.totalKB = 3900000;
-    s.freeKB = 3000000;
-    return s;
-  }
+  SysStats sysStats() override { return vorakdev::sysStats4GB(3000000); }
   PIDStats pidStats(int pid) override {
     auto it = mFigures.find(pid);
     if (it == mFigures.end()) return PIDStats{-1, 0, 0, 0, {}, 0};
