@@ -6,7 +6,8 @@
 // learning thread learns them, and features are replaced under it all, each
 // built while the previous one still takes triggers and destroyed while its
 // successor takes them. Every app and service has constant figures, so each
-// learnt row must hold exactly those. Sanitizer builds judge the rest.
+// learnt row must hold exactly those, from the host's sampling of a launch
+// to the row the action reads. Sanitizer builds judge the rest.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -229,13 +230,7 @@ TEST(VorakSoak, LearntMeansStayTrueWhileEverythingRunsAtOnce) {
   kxhost::setLogSink(nullptr);
 
   EXPECT_EQ(wrong.load(), 0);
-  const auto learnt = learntRows();
-  for (const auto& [name, figures] : world.truth) {
-    auto it = learnt.find(name);
-    ASSERT_NE(it, learnt.end()) << name << " was never learnt";
-    EXPECT_EQ(it->second, figures) << name;
-  }
-  EXPECT_EQ(learnt.size(), world.truth.size());
+  EXPECT_EQ(learntRows(), world.truth) << "every app and service learnt, with its own figures";
   kxhost::setStatsSource(nullptr);
   kxhost::clearFeatureStates();
   kxhost::ServiceRegistry::instance().clear();
