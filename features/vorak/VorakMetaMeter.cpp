@@ -110,9 +110,10 @@ bool VorakMetaMeter::writeToDataBase(std::vector<Meter*> meters) {
       KXLOGE(kTag, "writeToDataBase() end. Failed @  isValidFieldList - mStartProcMmFields");
       return false;
     }
-    // Samples and service lists are filed under the launched app's name: a
-    // name that cannot key its own rows (none before the first launch) gets
-    // neither.
+    // Samples and service lists are filed under the launched app's name.
+    // Deliberately, a name that cannot key its own rows (none before the
+    // first launch; an empty key selects every row) gets neither, and the
+    // call counts as rejected.
     std::string app = mLaunchPayload.appName;
     if (const char* problem = vorak::appNameProblem(app)) {
       KXLOGE(kTag, "writeToDataBase() end. Nothing recorded for the launched app \"%s\": %s",
@@ -204,7 +205,9 @@ void VorakMetaMeter::recordServices(std::string& app) {
 }
 
 // The app's services as the framework lists them, less the names that
-// could not key their own rows: those are neither stored nor sampled.
+// could not key their own rows: those are neither stored nor sampled. This
+// includes names longer than a slot, deliberately refused rather than cut,
+// since a cut name would be another service's key.
 std::vector<std::string> VorakMetaMeter::acceptedServices(std::string& app) {
   std::vector<std::string> names;
   DependentServices().getServices(app, names);
