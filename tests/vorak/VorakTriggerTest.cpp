@@ -335,8 +335,11 @@ TEST_F(VorakWorker, TableOperationsFailWhenTheStoreCannotWrite) {
   EXPECT_EQ(values(&db, "com.b"), Ints{});
 }
 
-TEST_F(VorakWorker, TableOperationsRefuseMissingTables) {
+TEST_F(VorakWorker, TableOperationsRefuseMissingTablesAndReturnZeroOnSuccess) {
   std::string app = "com.a";
+  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, "User"), 0);
+  EXPECT_EQ(mFeature->updateFavDB(mUser, app, 2, "User"), 0);
+  EXPECT_EQ(mFeature->deleteAppFromDB(mUser, app, "User"), 0);
   EXPECT_EQ(mFeature->updatePIDInDB(nullptr, app, 1, "User"), -1);
   EXPECT_EQ(mFeature->updateFavDB(nullptr, app, 1, "FavoritePID"), -1);
   EXPECT_EQ(mFeature->deleteAppFromDB(nullptr, app, "User"), -1);
