@@ -114,13 +114,15 @@ void launchRound(VorakFeature& feature, const World& w, int round) {
   kxhost::MeteringThread::instance().drain();
 }
 
-Figures figuresOf(KxDatabase<_vorak_Feature_Action_Data>* db, const std::string& name, size_t* rowCount) {
+// The learnt rows of `name` (of every name when empty), in table order.
+std::vector<std::pair<std::string, Figures>> learntRows(KxDatabase<_vorak_Feature_Action_Data>& db,
+                                                        const std::string& name) {
   KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-  auto rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  *rowCount = rows.size();
-  Figures figures = rows.empty() ? Figures{} : Figures{rows[0]->blob.ionKgsl, rows[0]->blob.rssSwap};
-  db->deallocateDR(rows);
-  return figures;
+  auto rows = db.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  std::vector<std::pair<std::string, Figures>> out;
+  for (auto* row : rows) out.emplace_back(row->appName, Figures{row->blob.ionKgsl, row->blob.rssSwap});
+  db.deallocateDR(rows);
+  return out;
 }
 
 // A feature with its own learning thread, which looks for due names all the
@@ -139,28 +141,13 @@ struct Lifetime {
     learning = std::make_unique<kxhost::LearningScheduler>(
         feature.get(),
         [learnt, &world, &wrong](const std::string& name) {
-          size_t rows = 0;
-          const Figures figures = figuresOf(learnt, name, &rows);
-          if (rows > 0 && figures != world.truth.at(name)) ++wrong;
-          return rows > 0;
+          const auto rows = learntRows(*learnt, name);
+          if (!rows.empty() && rows[0].second != world.truth.at(name)) ++wrong;
+          return !rows.empty();
         },
         std::chrono::milliseconds(0));
   }
 };
-
-std::map<std::string, Figures> learntRows() {
-  KxDatabase<_vorak_Feature_Action_Data> db(100, "Vorakaction.db", "Vorak");
-  EXPECT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
-  KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
-  auto rows = db.readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  std::map<std::string, Figures> out;
-  for (auto* row : rows) {
-    EXPECT_EQ(out.count(row->appName), 0u) << "two learnt rows of " << row->appName;
-    out[row->appName] = {row->blob.ionKgsl, row->blob.rssSwap};
-  }
-  db.deallocateDR(rows);
-  return out;
-}
 
 // On a memory file system where there is one: what this test is after needs
 // many learnings while samples are written, and a disk's syncs allow few.
@@ -230,7 +217,12 @@ TEST(VorakSoak, LearntMeansStayTrueWhileEverythingRunsAtOnce) {
   kxhost::setLogSink(nullptr);
 
   EXPECT_EQ(wrong.load(), 0);
-  EXPECT_EQ(learntRows(), world.truth) << "every app and service learnt, with its own figures";
+  KxDatabase<_vorak_Feature_Action_Data> stored(100, "Vorakaction.db", "Vorak");
+  EXPECT_EQ(stored.KxDatabaseInit(), KXDB_SUCCESS);
+  const auto rows = learntRows(stored, "");
+  const std::map<std::string, Figures> learnt(rows.begin(), rows.end());
+  EXPECT_EQ(learnt, world.truth) << "every name learnt, with its own figures";
+  EXPECT_EQ(rows.size(), world.truth.size()) << "one learnt row a name";
   kxhost::setStatsSource(nullptr);
   kxhost::clearFeatureStates();
   kxhost::ServiceRegistry::instance().clear();
