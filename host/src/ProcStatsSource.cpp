@@ -96,15 +96,12 @@ SysStats ProcStatsSource::sysStats() {
 }
 
 PIDStats ProcStatsSource::pidStats(int pid) {
-  PIDStats stats{};
   std::optional<int> adj = readOomScoreAdj(pid);
-  if (!adj || !readStatus(pid, &stats)) {
-    stats.pid = -1;
-    return stats;
-  }
-  stats.pid = pid;
-  stats.oomScoreAdj = *adj;
-  return stats;
+  std::optional<PIDStats> stats = adj ? readProcess(pid, *adj) : std::nullopt;
+  if (stats) return *stats;
+  PIDStats unknown{};
+  unknown.pid = -1;
+  return unknown;
 }
 
 // Processes come and go while the directory is walked; one that has gone
@@ -119,14 +116,15 @@ std::vector<PIDStats> ProcStatsSource::pidStatsRange(int minAdj, int maxAdj) {
     if (!pidFromName(it->path().filename().string(), &pid)) continue;
     std::optional<int> adj = readOomScoreAdj(pid);
     if (!adj || *adj < minAdj || *adj > maxAdj) continue;
-    PIDStats stats{};
-    if (!readStatus(pid, &stats)) continue;
-    stats.pid = pid;
-    stats.oomScoreAdj = *adj;
-    result.push_back(stats);
+    if (std::optional<PIDStats> stats = readProcess(pid, *adj)) result.push_back(*stats);
   }
   std::sort(result.begin(), result.end(), [](const PIDStats& a, const PIDStats& b) { return a.pid < b.pid; });
   return result;
+}
+
+std::optional<uint64_t> ProcStatsSource::startTime(int pid) {
+  if (pid <= 0) return std::nullopt;
+  return readStartTime(pid);
 }
 
 MemInfo ProcStatsSource::readMeminfo() const { return load<MemInfo>(procPath("meminfo"), parseMeminfo, true); }
@@ -169,6 +167,32 @@ std::optional<int> ProcStatsSource::readOomScoreAdj(int pid) const {
   // The kernel keeps it within [-1000, 1000]; clamping keeps a corrupt file
   // from wrapping around in the narrowing to int.
   return static_cast<int>(std::clamp<int64_t>(adj, -1000, 1000));
+}
+
+// The start time is read right after oom_score_adj: a pid reused after it
+// was read is caught by the identity check before any signal, so only the
+// short gap between the two reads is left open.
+std::optional<PIDStats> ProcStatsSource::readProcess(int pid, int adj) const {
+  std::optional<uint64_t> started = readStartTime(pid);
+  PIDStats stats{};
+  if (!started || !readStatus(pid, &stats)) return std::nullopt;
+  stats.pid = pid;
+  stats.oomScoreAdj = adj;
+  stats.startTime = *started;
+  return stats;
+}
+
+std::optional<uint64_t> ProcStatsSource::readStartTime(int pid) const {
+  std::string path = procPath(std::to_string(pid) + "/stat");
+  std::optional<std::string> text = readFile(path);
+  if (!text) return std::nullopt;
+  uint64_t started = 0;
+  std::string error;
+  if (!parseProcStatStartTime(*text, &started, &error)) {
+    logError(path, error);
+    return std::nullopt;
+  }
+  return started;
 }
 
 // gpuKB stays 0: a Linux host has no ION or KGSL accounting to read it from.
