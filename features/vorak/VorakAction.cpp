@@ -1,9 +1,12 @@
 #include "VorakAction.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cmath>
 #include <cstring>
 #include <exception>
@@ -19,8 +22,10 @@
 #include "Hidl.h"
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
+#include "VorakAppName.h"
 #include "VorakFeature.h"
 #include "WallClock.h"
+#include "kxdb/KxFailFast.h"
 #include "kxdb/KxLog.h"
 
 namespace {
@@ -33,6 +38,7 @@ constexpr const char* kModelPrefix = "/vendor/etc/kx/vorak/vorak_";
 bool sLaunchHandled = false;
 
 std::atomic<VorakAction::PauseFn> sPause{nullptr};
+std::atomic<VorakAction::PidfdOpenFn> sPidfdOpen{nullptr};
 
 // Background processes, by the host's kill-priority range (oom_score_adj).
 constexpr int kBackgroundMinAdj = 700;
@@ -84,6 +90,76 @@ int toInt(float v) {
 
 // A NUL-terminated text in a fixed-size field, bounded by the field.
 std::string fieldText(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
+
+int sysPidfdOpen(pid_t pid, unsigned int flags) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, flags));
+#else
+  errno = ENOSYS;
+  return -1;
+#endif
+}
+
+int pidfdSendSignal(int fd, int sig) {
+#ifdef SYS_pidfd_send_signal
+  return static_cast<int>(syscall(SYS_pidfd_send_signal, fd, sig, nullptr, 0));
+#else
+  errno = ENOSYS;
+  return -1;
+#endif
+}
+
+// Owns a pidfd; a negative one holds nothing.
+class PidFd {
+ public:
+  explicit PidFd(int fd) : mFd(fd) {}
+  ~PidFd() {
+    if (mFd >= 0) close(mFd);
+  }
+  PidFd(const PidFd&) = delete;
+  PidFd& operator=(const PidFd&) = delete;
+  int get() const { return mFd; }
+
+ private:
+  int mFd;
+};
+
+struct KillResult {
+  enum Outcome { kKilled, kGone, kReplaced, kFailed } outcome;
+  int error = 0;           // errno, for kFailed
+  uint64_t startTime = 0;  // the pid's process now, for kReplaced
+};
+
+// SIGKILL to `pid` only while it is the process that was listed: once that
+// process has exited, its pid may have been handed to another. The pidfd
+// pins the process whose start time is then compared, so no reuse can slip
+// in between the check and the signal. Without pidfds (old kernels,
+// qemu-user) the check is still made, and only that short gap stays open.
+KillResult killIfListed(int pid, uint64_t listedStart) {
+  const VorakAction::PidfdOpenFn open = sPidfdOpen.load();
+  const PidFd fd(open != nullptr ? open(pid, 0) : sysPidfdOpen(pid, 0));
+  if (fd.get() < 0 && errno != ENOSYS) {
+    return errno == ESRCH ? KillResult{KillResult::kGone} : KillResult{KillResult::kFailed, errno};
+  }
+  const std::optional<uint64_t> now = StatsProvider::getPIDStartTime(pid);
+  if (!now) return {KillResult::kGone};
+  if (*now != listedStart) return {KillResult::kReplaced, 0, *now};
+  const int rc = fd.get() >= 0 ? pidfdSendSignal(fd.get(), SIGKILL) : kill(pid, SIGKILL);
+  return rc == 0 ? KillResult{KillResult::kKilled} : KillResult{KillResult::kFailed, errno};
+}
+
+// Whether a process name as the kernel keeps it belongs to `app`. Android
+// names an app's processes after its package, the others "package:suffix",
+// and `comm` keeps at most their last 15 characters: a shorter one is the
+// whole name, a cut one shows the tail of the package before any ':'. A
+// name cut within its suffix shows no package and is not recognised.
+bool namedAfter(std::string_view comm, std::string_view app) {
+  constexpr size_t kCommChars = sizeof(PIDStats::comm) - 1;
+  const std::string_view package = comm.substr(0, comm.find(':'));
+  if (comm.size() < kCommChars) return package == app;
+  return !package.empty() && package.size() <= app.size() &&
+         app.substr(app.size() - package.size()) == package;
+}
 
 template <typename T>
 void release(KxDatabase<T>* db, typename KxDBDataTable<T>::vecT& rows) {
@@ -178,6 +254,8 @@ bool VorakAction::traceOn() const { return mFeature.isTraceVorak(); }
 
 void VorakAction::setPause(PauseFn fn) { sPause.store(fn); }
 
+void VorakAction::setPidfdOpen(PidfdOpenFn fn) { sPidfdOpen.store(fn); }
+
 void VorakAction::clearAllMaps() {
   mBackgroundList.clear();
   mFavoriteList.clear();
@@ -185,6 +263,7 @@ void VorakAction::clearAllMaps() {
   mAppServiceNames.clear();
   mAppServicePids.clear();
   mProtectedPids.clear();
+  mListed.clear();
 }
 
 void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
@@ -194,8 +273,18 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
     return;
   }
   if (payload.hintID != static_cast<int32_t>(kLaunchHint) || payload.hintType != kLaunchHintType) return;
+  // A name that cannot be a package would key no row or every row: such a
+  // launch is refused before it can spend the one kill pass. The name is
+  // not printed, it may be what breaks the log.
+  if (const char* problem = vorak::appNameProblem(payload.appName)) {
+    KXLOGW("VorakAction", "Launch hint ignored: invalid app name (%s)", problem);
+    return;
+  }
   if (sLaunchHandled) return;
   sLaunchHandled = true;
+  // The launch must not wait on a table that another thread or process has
+  // locked: a read that fails finds no learnt row, and nothing is killed.
+  kxdb::FailFastScope failFast;
 
   // With nothing learnt about the user yet, let the host seed the favourites.
   if (mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
@@ -216,6 +305,7 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
 
   float freed = 0;
   if (amount > 0) {
+    spareLaunchingApp(appName);
     freed = vorak(amount);
     mSurplus = checkAndDiff(freed, amount);
   } else {
@@ -266,8 +356,13 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
     const int pid = it->second;
 
     // A pid of 0 or below would address a process group, never one process.
-    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && getpgid(pid) != -1) {
-      if (kill(pid, SIGKILL) == 0) {
+    const auto listed = mListed.find(pid);
+    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && listed != mListed.end() &&
+        getpgid(pid) != -1) {
+      // Beyond the getpgid check, the pid must still name the process that
+      // was listed (same start time): it may have been reused since.
+      const KillResult r = killIfListed(pid, listed->second.startTime);
+      if (r.outcome == KillResult::kKilled) {
         if (phase == nullptr) {
           KXLOGE("VorakAction", "Killed PID = %d, to Free Memory = %ld KB", pid, memKB);
         } else {
@@ -276,8 +371,11 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
         remaining = checkAndDiff(remaining, static_cast<float>(memKB));
         freed = checkOverflowAndAdd(freed, memKB);
         ++kills;
-      } else if (phase != nullptr || traceOn()) {
-        KXLOGE("VorakAction", "Couldnt kill the PID = %d. Error = %s", pid, strerror(errno));
+      } else if (r.outcome == KillResult::kReplaced) {
+        KXLOGE("VorakAction", "Spared PID = %d: not the process listed (started at %" PRIu64 ", listed %" PRIu64 ")",
+               pid, r.startTime, listed->second.startTime);
+      } else if (r.outcome == KillResult::kFailed && (phase != nullptr || traceOn())) {
+        KXLOGE("VorakAction", "Couldnt kill the PID = %d. Error = %s", pid, strerror(r.error));
       }
     }
     list.erase(it);
@@ -483,12 +581,19 @@ void VorakAction::generateTaskList() {
   mBackgroundByPid.clear();
   mFavoriteList.clear();
   mUserLaunchedList.clear();
+  mListed.clear();
 
   // Killing a process frees about its file, anonymous-plus-swap and
   // graphics memory together.
-  for (const PIDStats& p : StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj)) {
+  const std::vector<PIDStats> processes = StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj);
+  mListed.reserve(processes.size());
+  for (const PIDStats& p : processes) {
     const long key = static_cast<long>(checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
     mBackgroundByPid.emplace(p.pid, mBackgroundList.emplace(key, p.pid));
+    Listed& seen = mListed[p.pid];
+    seen.startTime = p.startTime;
+    std::memcpy(seen.comm, p.comm, sizeof(seen.comm));
+    seen.comm[sizeof(seen.comm) - 1] = '\0';
   }
 
   // Favourites of the current slot go last among the background processes.
@@ -536,6 +641,30 @@ void VorakAction::generateTaskList() {
   }
   release(mStartProcDb, users);
   mBackgroundByPid.clear();
+}
+
+// Departure from the plain kill order: the launching app's own processes (an
+// earlier instance, its ":suffix" processes) are never victims, for the first
+// pass nor the service pass; killing them turns the warm start the host is
+// attempting into a cold one. They are known by the pids the user-launched
+// tables hold for the app and by their process names.
+void VorakAction::spareLaunchingApp(const std::string& appName) {
+  std::vector<int> own;
+  for (KxDatabase<_vorak_User_Launched_Data>* db : {mUserDb, mStartProcDb, mFavPidDb}) {
+    auto rows = readRows(db, appName);
+    for (const auto* row : rows) {
+      if (row != nullptr) own.push_back(row->blob.value);
+    }
+    release(db, rows);
+  }
+  auto isOwn = [&](int pid) {
+    if (std::find(own.begin(), own.end(), pid) != own.end()) return true;
+    const auto listed = mListed.find(pid);
+    return listed != mListed.end() && namedAfter(listed->second.comm, appName);
+  };
+  for (CandidateList* list : {&mBackgroundList, &mFavoriteList, &mUserLaunchedList}) {
+    for (auto it = list->begin(); it != list->end();) it = isOwn(it->second) ? list->erase(it) : std::next(it);
+  }
 }
 
 void VorakAction::getAllServices() {

@@ -15,6 +15,7 @@
 
 #include "AsyncTriggerPayload.h"
 #include "MemPerfd.h"
+#include "StatsProvider.h"
 #include "VorakCheckedArithmetic.h"
 #include "VorakFeatureNames.h"
 #include "kxdb/KxDatabase.h"
@@ -77,6 +78,11 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   // usleep(). The slot key reads the host's wall clock.
   using PauseFn = int (*)(useconds_t);
   static void setPause(PauseFn fn);
+  // Kill seam, process-wide: how a victim is pinned before the signal. Null
+  // restores the pidfd_open system call; a function failing with ENOSYS
+  // stands for a kernel (or an emulator) without pidfds.
+  using PidfdOpenFn = int (*)(pid_t pid, unsigned int flags);
+  static void setPidfdOpen(PidfdOpenFn fn);
 
   // Read-only views for diagnostics and tests.
   using CandidateList = std::multimap<long, int>;
@@ -97,6 +103,15 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   // One phase of the kill loop over `list`; `what` is the kill report.
   void killFrom(CandidateList& list, bool spareProtected, const char* phase, float& remaining,
                 float& freed, int& kills);
+  // Takes the launching app's own processes out of the candidate lists.
+  void spareLaunchingApp(const std::string& appName);
+
+  // What the listing saw of a candidate: enough to recognise the same
+  // process at the kill, and to tell whose process it is.
+  struct Listed {
+    uint64_t startTime;
+    char comm[sizeof(PIDStats::comm)];
+  };
 
   KxDatabase<_vorak_Feature_Action_Data>* mActionDb = nullptr;
   KxDatabase<_vorak_User_Launched_Data>* mUserDb;
@@ -117,6 +132,8 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   std::unordered_map<int, CandidateList::iterator> mBackgroundByPid;
   CandidateList mFavoriteList;
   CandidateList mUserLaunchedList;
+  // Every candidate of the three lists, by pid, as generateTaskList found it.
+  std::unordered_map<int, Listed> mListed;
   std::unordered_set<std::string> mAppServiceNames;
   std::unordered_set<int> mAppServicePids;
   std::unordered_set<int> mProtectedPids;
