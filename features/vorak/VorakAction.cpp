@@ -91,22 +91,12 @@ int toInt(float v) {
 // A NUL-terminated text in a fixed-size field, bounded by the field.
 std::string fieldText(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
 
-int sysPidfdOpen(pid_t pid, unsigned int flags) {
-#ifdef SYS_pidfd_open
-  return static_cast<int>(syscall(SYS_pidfd_open, pid, flags));
-#else
-  errno = ENOSYS;
-  return -1;
-#endif
-}
+// Through syscall(): C libraries wrap these only in recent versions, while a
+// kernel without them answers ENOSYS either way.
+int sysPidfdOpen(pid_t pid, unsigned int flags) { return static_cast<int>(syscall(SYS_pidfd_open, pid, flags)); }
 
 int pidfdSendSignal(int fd, int sig) {
-#ifdef SYS_pidfd_send_signal
   return static_cast<int>(syscall(SYS_pidfd_send_signal, fd, sig, nullptr, 0));
-#else
-  errno = ENOSYS;
-  return -1;
-#endif
 }
 
 // Owns a pidfd; a negative one holds nothing.
@@ -263,7 +253,6 @@ void VorakAction::clearAllMaps() {
   mAppServiceNames.clear();
   mAppServicePids.clear();
   mProtectedPids.clear();
-  mListed.clear();
 }
 
 void VorakAction::applyAction(const AsyncTriggerPayload& payload) {

@@ -122,10 +122,7 @@ std::vector<PIDStats> ProcStatsSource::pidStatsRange(int minAdj, int maxAdj) {
   return result;
 }
 
-std::optional<uint64_t> ProcStatsSource::startTime(int pid) {
-  if (pid <= 0) return std::nullopt;
-  return readStartTime(pid);
-}
+std::optional<uint64_t> ProcStatsSource::startTime(int pid) { return readStartTime(pid); }
 
 MemInfo ProcStatsSource::readMeminfo() const { return load<MemInfo>(procPath("meminfo"), parseMeminfo, true); }
 

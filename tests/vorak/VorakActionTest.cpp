@@ -652,7 +652,9 @@ TEST_F(VorakActionTest, TheLaunchingAppsOwnProcessesAreNeverVictims) {
         {"User", true},  // by its pid in that table, under any name
         {"StartProc", true},
         {"FavoritePID", true}}},
-      {"com.cam", {{"com.cam", true}, {"com.cam:remote", true}, {"com.camera", false}, {"org.com.cam", false}}},
+      {"com.cam",
+       {{"com.cam", true}, {"com.cam:remote", true}, {"com.cam:sandbox", true}, {"com.camera", false},
+        {"org.com.cam", false}}},
   };
   const std::map<std::string, KxDatabase<_vorak_User_Launched_Data>*> tables = {
       {"User", &mUser}, {"StartProc", &mStartProc}, {"FavoritePID", &mFavPid}};
