@@ -42,6 +42,21 @@ T load(const std::string& path, bool (*parse)(const std::string&, T*, std::strin
   return value;
 }
 
+// A process's file: null when it is gone or malformed (then logged), since a
+// half-read process is not worth reporting.
+template <typename T>
+std::optional<T> loadProcessFile(const std::string& path, bool (*parse)(const std::string&, T*, std::string*)) {
+  std::optional<std::string> text = readFile(path);
+  if (!text) return std::nullopt;
+  T value{};
+  std::string error;
+  if (!parse(*text, &value, &error)) {
+    logError(path, error);
+    return std::nullopt;
+  }
+  return value;
+}
+
 bool pidFromName(const std::string& name, int* pid) {
   auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), *pid);
   return ec == std::errc() && end == name.data() + name.size() && *pid > 0;
@@ -152,18 +167,12 @@ void ProcStatsSource::fillZones(SysStats* s) const {
 }
 
 std::optional<int> ProcStatsSource::readOomScoreAdj(int pid) const {
-  std::string path = procPath(std::to_string(pid) + "/oom_score_adj");
-  std::optional<std::string> text = readFile(path);
-  if (!text) return std::nullopt;
-  int64_t adj = 0;
-  std::string error;
-  if (!parseSingleInt(*text, &adj, &error)) {
-    logError(path, error);
-    return std::nullopt;
-  }
+  const std::string path = procPath(std::to_string(pid) + "/oom_score_adj");
+  std::optional<int64_t> adj = loadProcessFile<int64_t>(path, parseSingleInt);
+  if (!adj) return std::nullopt;
   // The kernel keeps it within [-1000, 1000]; clamping keeps a corrupt file
   // from wrapping around in the narrowing to int.
-  return static_cast<int>(std::clamp<int64_t>(adj, -1000, 1000));
+  return static_cast<int>(std::clamp<int64_t>(*adj, -1000, 1000));
 }
 
 // The start time is read right after oom_score_adj: a pid reused after it
@@ -180,16 +189,7 @@ std::optional<PIDStats> ProcStatsSource::readProcess(int pid, int adj) const {
 }
 
 std::optional<uint64_t> ProcStatsSource::readStartTime(int pid) const {
-  std::string path = procPath(std::to_string(pid) + "/stat");
-  std::optional<std::string> text = readFile(path);
-  if (!text) return std::nullopt;
-  uint64_t started = 0;
-  std::string error;
-  if (!parseProcStatStartTime(*text, &started, &error)) {
-    logError(path, error);
-    return std::nullopt;
-  }
-  return started;
+  return loadProcessFile<uint64_t>(procPath(std::to_string(pid) + "/stat"), parseProcStatStartTime);
 }
 
 // gpuKB stays 0: a Linux host has no ION or KGSL accounting to read it from.
