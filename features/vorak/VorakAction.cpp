@@ -138,6 +138,10 @@ KillResult killIfListed(int pid, uint64_t listedStart) {
   return rc == 0 ? KillResult{KillResult::kKilled} : KillResult{KillResult::kFailed, errno};
 }
 
+bool byPid(const PIDStats& a, const PIDStats& b) { return a.pid < b.pid; }
+
+std::string_view commOf(const PIDStats& p) { return std::string_view(p.comm, strnlen(p.comm, sizeof(p.comm))); }
+
 // Whether a process name as the kernel keeps it belongs to `app`. Android
 // names an app's processes after its package, the others "package:suffix",
 // and `comm` keeps at most their last 15 characters: a shorter one is the
@@ -345,12 +349,11 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
     const int pid = it->second;
 
     // A pid of 0 or below would address a process group, never one process.
-    const auto listed = mListed.find(pid);
-    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && listed != mListed.end() &&
-        getpgid(pid) != -1) {
+    const PIDStats* seen = listed(pid);
+    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && seen != nullptr && getpgid(pid) != -1) {
       // Beyond the getpgid check, the pid must still name the process that
       // was listed (same start time): it may have been reused since.
-      const KillResult r = killIfListed(pid, listed->second.startTime);
+      const KillResult r = killIfListed(pid, seen->startTime);
       if (r.outcome == KillResult::kKilled) {
         if (phase == nullptr) {
           KXLOGE("VorakAction", "Killed PID = %d, to Free Memory = %ld KB", pid, memKB);
@@ -362,7 +365,7 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
         ++kills;
       } else if (r.outcome == KillResult::kReplaced) {
         KXLOGE("VorakAction", "Spared PID = %d: not the process listed (started at %" PRIu64 ", listed %" PRIu64 ")",
-               pid, r.startTime, listed->second.startTime);
+               pid, r.startTime, seen->startTime);
       } else if (r.outcome == KillResult::kFailed && (phase != nullptr || traceOn())) {
         KXLOGE("VorakAction", "Couldnt kill the PID = %d. Error = %s", pid, strerror(r.error));
       }
@@ -570,20 +573,15 @@ void VorakAction::generateTaskList() {
   mBackgroundByPid.clear();
   mFavoriteList.clear();
   mUserLaunchedList.clear();
-  mListed.clear();
 
   // Killing a process frees about its file, anonymous-plus-swap and
   // graphics memory together.
-  const std::vector<PIDStats> processes = StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj);
-  mListed.reserve(processes.size());
-  for (const PIDStats& p : processes) {
+  mListed = StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj);
+  for (const PIDStats& p : mListed) {
     const long key = static_cast<long>(checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
     mBackgroundByPid.emplace(p.pid, mBackgroundList.emplace(key, p.pid));
-    Listed& seen = mListed[p.pid];
-    seen.startTime = p.startTime;
-    std::memcpy(seen.comm, p.comm, sizeof(seen.comm));
-    seen.comm[sizeof(seen.comm) - 1] = '\0';
   }
+  if (!std::is_sorted(mListed.begin(), mListed.end(), byPid)) std::sort(mListed.begin(), mListed.end(), byPid);
 
   // Favourites of the current slot go last among the background processes.
   std::string slot;
@@ -648,12 +646,18 @@ void VorakAction::spareLaunchingApp(const std::string& appName) {
   }
   auto isOwn = [&](int pid) {
     if (std::find(own.begin(), own.end(), pid) != own.end()) return true;
-    const auto listed = mListed.find(pid);
-    return listed != mListed.end() && namedAfter(listed->second.comm, appName);
+    const PIDStats* seen = listed(pid);
+    return seen != nullptr && namedAfter(commOf(*seen), appName);
   };
   for (CandidateList* list : {&mBackgroundList, &mFavoriteList, &mUserLaunchedList}) {
     for (auto it = list->begin(); it != list->end();) it = isOwn(it->second) ? list->erase(it) : std::next(it);
   }
+}
+
+const PIDStats* VorakAction::listed(int pid) const {
+  const auto it = std::lower_bound(mListed.begin(), mListed.end(), pid,
+                                   [](const PIDStats& p, int wanted) { return p.pid < wanted; });
+  return it != mListed.end() && it->pid == pid ? &*it : nullptr;
 }
 
 void VorakAction::getAllServices() {

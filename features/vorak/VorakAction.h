@@ -12,6 +12,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "AsyncTriggerPayload.h"
 #include "MemPerfd.h"
@@ -105,13 +106,8 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
                 float& freed, int& kills);
   // Takes the launching app's own processes out of the candidate lists.
   void spareLaunchingApp(const std::string& appName);
-
-  // What the listing saw of a candidate: enough to recognise the same
-  // process at the kill, and to tell whose process it is.
-  struct Listed {
-    uint64_t startTime;
-    char comm[sizeof(PIDStats::comm)];
-  };
+  // The record of `pid` as generateTaskList found it; null when not listed.
+  const PIDStats* listed(int pid) const;
 
   KxDatabase<_vorak_Feature_Action_Data>* mActionDb = nullptr;
   KxDatabase<_vorak_User_Launched_Data>* mUserDb;
@@ -132,8 +128,9 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   std::unordered_map<int, CandidateList::iterator> mBackgroundByPid;
   CandidateList mFavoriteList;
   CandidateList mUserLaunchedList;
-  // Every candidate of the three lists, by pid, as generateTaskList found it.
-  std::unordered_map<int, Listed> mListed;
+  // Every candidate of the three lists as generateTaskList found it (start
+  // time and name), sorted by pid: the host's list is kept as it came.
+  std::vector<PIDStats> mListed;
   std::unordered_set<std::string> mAppServiceNames;
   std::unordered_set<int> mAppServicePids;
   std::unordered_set<int> mProtectedPids;

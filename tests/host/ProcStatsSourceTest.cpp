@@ -114,19 +114,16 @@ TEST(ProcStatsSource, ReadsProcessRecords) {
 
   EXPECT_EQ(treeSource("android").pidStats(2304).pid, -1);  // exited: status gone
   EXPECT_EQ(treeSource("android").pidStats(9999).pid, -1);
-}
 
-// The identity check before a kill reads the start time alone.
-TEST(ProcStatsSource, StartTimeIsTheStatFilesTwentySecondField) {
-  kxhost::ProcStatsSource android = treeSource("android");
-  EXPECT_EQ(android.startTime(2301), std::optional<uint64_t>(884211));
-  EXPECT_EQ(android.pidStatsRange(700, 1000).front().startTime, 884211u);
-  for (int gone : {2304, 9999, 0, -1}) EXPECT_EQ(android.startTime(gone), std::nullopt) << gone;
+  // The identity check before a kill reads the start time alone.
+  EXPECT_EQ(treeSource("android").startTime(2301), std::optional<uint64_t>(884211));
+  for (int gone : {2304, 9999, 0, -1}) EXPECT_EQ(treeSource("android").startTime(gone), std::nullopt) << gone;
 }
 
 TEST(ProcStatsSource, SelectsProcessesByOomScoreAdjInclusively) {
   kxhost::ProcStatsSource android = treeSource("android");
   EXPECT_EQ(pids(android.pidStatsRange(700, 1000)), (std::vector<int>{2301, 2302, 2303}));
+  EXPECT_EQ(android.pidStatsRange(700, 1000).front().startTime, 884211u);
   EXPECT_EQ(pids(android.pidStatsRange(701, 999)), (std::vector<int>{2302}));
   EXPECT_EQ(pids(android.pidStatsRange(-900, -800)), (std::vector<int>{501, 1201}));
 }

@@ -55,6 +55,7 @@ TEST(StatsProvider, DelegatesToTheInstalledSourceUntilReset) {
   // A source without its own start-time reader answers from its records.
   EXPECT_EQ(StatsProvider::getPIDStartTime(42), std::optional<uint64_t>(8042));
   EXPECT_EQ(StatsProvider::getPIDStartTime(13), std::nullopt);
+  EXPECT_EQ(StatsProvider::getPIDStartTime(-1), std::nullopt);  // not the "unknown" record's pid
 
   kxhost::setStatsSource(nullptr);
   EXPECT_EQ(StatsProvider::getSysStats().totalKB, realMemTotalKB());
