@@ -351,8 +351,10 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
     // A pid of 0 or below would address a process group, never one process.
     const PIDStats* seen = listed(pid);
     if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && seen != nullptr && getpgid(pid) != -1) {
-      // Beyond the getpgid check, the pid must still name the process that
-      // was listed (same start time): it may have been reused since.
+      // Departure from a plain kill after getpgid: the pid must still name
+      // the process that was listed (same start time), as it may have been
+      // reused since the preparation hint. A mismatch is spared, logged,
+      // and frees nothing.
       const KillResult r = killIfListed(pid, seen->startTime);
       if (r.outcome == KillResult::kKilled) {
         if (phase == nullptr) {
