@@ -102,6 +102,9 @@ INSTANTIATE_TEST_SUITE_P(
                    [](auto& t) { t.mOther.exec("COMMIT"); }, true, "database is locked"},
         WriteFault{"DatabaseFull", [](auto& t) { t.mStore.exec("PRAGMA max_page_count=1"); },
                    [](auto& t) { t.mStore.exec("PRAGMA max_page_count=1000000"); }, false, "database or disk is full"},
+        WriteFault{"TableDroppedElsewhere", [](auto& t) { ASSERT_EQ(t.mOther.exec("DROP TABLE Vorak"), SQLITE_OK); },
+                   [](auto& t) { t.mOther.exec("CREATE TABLE Vorak(intcol1, appName TEXT NOT null, rsvdName, blob)"); },
+                   false, "SQL logic error"},
         WriteFault{"DiskWriteFails", [](auto&) { limitFileSize(0); }, [](auto&) { limitFileSize(RLIM_INFINITY); },
                    false, "disk I/O error"}),
     [](const auto& info) { return std::string(info.param.name); });
@@ -148,25 +151,6 @@ TEST_F(KxDatabaseFaultTest, DeletionThatCannotCommitLeavesRowsStoredAndWithTheCa
   EXPECT_EQ(count(), 2);
   EXPECT_EQ(mDb.deleteDeallocateDR(rows), 2);
   EXPECT_EQ(count(), 0);
-}
-
-// Rowids past 32 bits select their own row, not the one that shares their
-// low 32 bits.
-TEST_F(KxDatabaseFaultTest, RowidsBeyondThirtyTwoBitsUpdateAndDeleteTheirOwnRow) {
-  ASSERT_EQ(mOther.exec("INSERT INTO Vorak(rowid, appName, blob) VALUES "
-                        "(5, 'low', zeroblob(16)), (4294967301, 'high', zeroblob(16))"),
-            SQLITE_OK);
-  KxDBDataRowKey high("high", 0);
-  auto rows = mDb.readAllocateDR(high, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  ASSERT_EQ(rows.size(), 1u);
-  rows[0]->blob = {7, 7};
-  mDb.writeDeallocateDR(rows);
-  EXPECT_EQ(storedNames(mDb), (std::vector<std::string>{"low", "high"}));
-  rows = mDb.readAllocateDR(high, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0]->blob.ionKgsl, 7);
-  EXPECT_EQ(mDb.deleteDeallocateDR(rows), 1);
-  EXPECT_EQ(storedNames(mDb), (std::vector<std::string>{"low"}));
 }
 
 // A file that could not switch to WAL at open (a reader held it) blocks
