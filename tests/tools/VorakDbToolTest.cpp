@@ -89,7 +89,11 @@ TEST_F(VorakDbTool, DecodesEveryRowTypeTakenFromTheFileName) {
   EXPECT_THAT(r.out, HasSubstr("com.a     40960    204800"));
   EXPECT_THAT(r.out, HasSubstr("com.a        -1         0"));
 
-  const auto needs = makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}});
+  const auto needs =
+      makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}, {"com.huge", pair64(INT64_MAX, 1)}});
+  r = tool({needs});
+  EXPECT_THAT(r.out, HasSubstr("150000    380000    530000\n"));
+  EXPECT_THAT(r.out, HasSubstr("1  overflow"));
   r = tool({needs, "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   const auto j = nlohmann::json::parse(r.out);

@@ -25,6 +25,12 @@ std::string shown(const std::string& text) {
   return out;
 }
 
+// The sum of two learnt figures; a damaged or hostile row may hold any two.
+std::string total(int64_t a, int64_t b) {
+  int64_t sum = 0;
+  return __builtin_add_overflow(a, b, &sum) ? "overflow" : std::to_string(sum);
+}
+
 std::string joined(const json& list, const char* sep) {
   std::string out;
   for (const auto& v : list) out += (out.empty() ? "" : sep) + v.get<std::string>();
@@ -52,7 +58,7 @@ std::vector<std::pair<std::string, std::string>> fieldCells(RowType type, const 
     case RowType::Needs:
       return {{"ion_kgsl", std::to_string(d["ionKgsl"].get<int64_t>())},
               {"rss_swap", std::to_string(d["rssSwap"].get<int64_t>())},
-              {"total", std::to_string(d["ionKgsl"].get<int64_t>() + d["rssSwap"].get<int64_t>())}};
+              {"total", total(d["ionKgsl"].get<int64_t>(), d["rssSwap"].get<int64_t>())}};
     case RowType::Services:
       return {{"services", joined(d["services"], ", ")}};
     case RowType::User:
