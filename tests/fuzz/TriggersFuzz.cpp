@@ -5,6 +5,7 @@
 // accepts. No process is offered, so none may be signalled. The tables and
 // states are emptied between inputs, so that each input runs alone.
 #include <fuzzer/FuzzedDataProvider.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <string>
 
+#include "DependentServices.h"
 #include "FuzzSeams.h"
 #include "Meter.h"
 #include "VorakAppName.h"
@@ -112,7 +114,9 @@ void settle(VorakFeature& feature, const vorakdev::Device& device) {
     std::filesystem::remove(device.dir().sub(std::string("data/vendor/kx/VorakAppState.db") + suffix));
 }
 
-// One device and feature for the process, removed at exit.
+// One device and feature for the process, removed at exit. The feature
+// samples one "Memory" meter per trigger and learns from two samples; two
+// apps depend on services, one of them running as this very process.
 struct Fixture {
   vorakdev::Device device;
   std::unique_ptr<VorakFeature> feature;
@@ -121,7 +125,13 @@ struct Fixture {
     SysStats sys{};
     sys.totalKB = vorakdev::k4GB;
     kxfuzz::offerNoVictims(sys);
-    feature = device.create();
+    kxhost::ServiceRegistry::instance().setAppServices("com.a", {"svc.a"});
+    kxhost::ServiceRegistry::instance().setAppServices("com.b", {"svc.a", "svc.b"});
+    kxhost::ServiceRegistry::instance().setServicePid("svc.a", getpid());
+    FeatureInfo info = vorakdev::Device::defaultInfo();
+    info.samplesThreshold = 2;
+    info.meterInfo.push_back(MeterInfo{"Memory", {}, {"ion_kgsl", "rss_swap"}, {}, 1});
+    feature = device.create(info);
   }
 };
 
@@ -134,7 +144,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   feature.runAsync(vorakdev::trigger(4225, 2, " "));
   feature.getAction()->applyAction(vorakdev::trigger(4162, 0, " "));
   FuzzedDataProvider in(data, size);
-  for (int steps = 0; steps < 32 && in.remaining_bytes() > 0; ++steps) step(in, feature, fixture.states);
+  for (int steps = 0; steps < 16 && in.remaining_bytes() > 0; ++steps) step(in, feature, fixture.states);
   settle(feature, fixture.device);
   return 0;
 }
