@@ -4,13 +4,14 @@
 // never a negative one; a model it refuses leaves it disabled. No process
 // is offered, so none may be signalled.
 //
-// Input: the model's bytes, then (read from the end) the memory class, the
-// learnt row's two figures and the statistics record.
+// Input: the model's bytes, then, read from the end, the statistics record,
+// the memory class and the learnt row's two figures.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -27,9 +28,10 @@ AsyncTriggerPayload hint(int id, int type) { return vorakdev::trigger(id, type, 
 // Figures up to 2^32 KB each: sums of a few of them leave the 32-bit range
 // the decision computes in, single ones do not.
 SysStats statsFrom(FuzzedDataProvider& in) {
-  SysStats s{};
-  uint64_t* field = &s.freeKB;
-  for (size_t i = 0; i < sizeof(SysStats) / sizeof(uint64_t); ++i) field[i] = in.ConsumeIntegral<uint32_t>();
+  uint64_t figures[sizeof(SysStats) / sizeof(uint64_t)];
+  for (uint64_t& figure : figures) figure = in.ConsumeIntegral<uint32_t>();
+  SysStats s;
+  std::memcpy(&s, figures, sizeof s);
   // The feature runs on 1 to 8 GB only; the class picks the model's file.
   static const uint64_t kClassKB[] = {2000000, 3900000, 7800000};
   s.totalKB = kClassKB[in.ConsumeIntegralInRange<int>(0, 2)];
@@ -42,6 +44,7 @@ void learn(VorakAction& action, int64_t ionKgsl, int64_t rssSwap) {
   auto* db = action.getActionOutputDb();
   if (db == nullptr) return;
   auto rows = db->allocateDR(1);
+  if (rows.empty()) return;
   rows[0]->appName = kApp;
   rows[0]->blob.ionKgsl = ionKgsl;
   rows[0]->blob.rssSwap = rssSwap;

@@ -64,7 +64,7 @@ void meter(FuzzedDataProvider& in, MetaMeter& aggregator) {
 }
 
 void step(FuzzedDataProvider& in, VorakFeature& feature, FeatureState& states) {
-  static const std::atomic<bool> kGoOn{false};
+  static const std::atomic<bool> kNotCancelled{false};
   static const AppState kStates[] = {APP_STATE_COLLECTING, APP_STATE_LEARNING_DUE, APP_STATE_LEARNT,
                                      APP_STATE_RELEARN_DUE, APP_STATE_LEARN_FAILED};
   switch (in.ConsumeIntegralInRange(0, 4)) {
@@ -72,7 +72,7 @@ void step(FuzzedDataProvider& in, VorakFeature& feature, FeatureState& states) {
     case 1: meter(in, *feature.getMetaMeter()); break;
     case 2:
       kxhost::MeteringThread::instance().drain();
-      feature.getAlgo()->runAlgo(kGoOn);
+      feature.getAlgo()->runAlgo(kNotCancelled);
       break;
     case 3: feature.getAction()->applyAction(payload(in)); break;
     case 4: {
@@ -84,7 +84,7 @@ void step(FuzzedDataProvider& in, VorakFeature& feature, FeatureState& states) {
 }
 
 template <typename T>
-void checkNames(KxDatabase<T>* db, const char* table) {
+void checkAndClear(KxDatabase<T>* db, const char* table) {
   KxDBDataRowKey all;
   auto rows = db->readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
   for (const auto* row : rows) {
@@ -100,13 +100,13 @@ void checkNames(KxDatabase<T>* db, const char* table) {
 void settle(VorakFeature& feature, const vorakdev::Device& device) {
   kxhost::MeteringThread::instance().drain();
   Peer::drain(feature);
-  checkNames(Peer::userDb(feature), "User");
-  checkNames(Peer::startProcDb(feature), "StartProc");
-  checkNames(Peer::favPidDb(feature), "FavoritePID");
-  checkNames(Peer::meterDb(feature), "meter");
-  checkNames(Peer::serviceInDb(feature), "service input");
-  checkNames(Peer::serviceOutDb(feature), "service output");
-  checkNames(dynamic_cast<VorakAction*>(feature.getAction())->getActionOutputDb(), "action");
+  checkAndClear(Peer::userDb(feature), "User");
+  checkAndClear(Peer::startProcDb(feature), "StartProc");
+  checkAndClear(Peer::favPidDb(feature), "FavoritePID");
+  checkAndClear(Peer::meterDb(feature), "meter");
+  checkAndClear(Peer::serviceInDb(feature), "service input");
+  checkAndClear(Peer::serviceOutDb(feature), "service output");
+  checkAndClear(dynamic_cast<VorakAction*>(feature.getAction())->getActionOutputDb(), "action");
   KxDBDataRowKey all;
   Peer::favTimeSlotDb(feature)->deleteAllDR(all);
   kxhost::clearFeatureStates();
