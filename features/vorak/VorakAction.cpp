@@ -536,7 +536,10 @@ float VorakAction::decideKill(std::string appName) {
     return 0;
   }
   if (trace) KXLOGE("VorakAction", "(appName,memToGenerate) = (%s, %f)", appName.c_str(), howMuchToKill);
-  return howMuchToKill <= 0 ? 0 : howMuchToKill;
+  // Departure from passing on any budget that is not negative: a safeload
+  // that is not a number (a damaged model) makes the budget NaN, which is
+  // no amount to free, and the launch gets 0.
+  return howMuchToKill > 0 ? howMuchToKill : 0;
 }
 
 int VorakAction::getWeekdayTimeslot(std::string& slotKey) {

@@ -1,6 +1,7 @@
 #include "ProcParsers.h"
 
 #include <charconv>
+#include <cstdio>
 #include <functional>
 #include <string_view>
 #include <vector>
@@ -63,7 +64,21 @@ bool parseNumber(std::string_view word, Int* out) {
   return true;
 }
 
-std::string quoted(std::string_view s) { return "'" + std::string(s) + "'"; }
+// What a file held, for an error line: a control or non-ASCII byte shows as
+// \xNN, so that no content of the file can end the line or reach a log raw.
+std::string quoted(std::string_view s) {
+  std::string out = "'";
+  for (unsigned char c : s) {
+    if (c >= 0x20 && c < 0x7f) {
+      out += static_cast<char>(c);
+    } else {
+      char hex[5];
+      std::snprintf(hex, sizeof hex, "\\x%02x", c);
+      out += hex;
+    }
+  }
+  return out + "'";
+}
 
 // Parses "Key:   123 kB" (the unit is optional). Shared by meminfo and the
 // numeric lines of a process's status.

@@ -80,4 +80,18 @@ TEST(ProcParsers, StatStartTimeCountsFieldsFromTheLastParenthesis) {
   }
 }
 
+// Whatever a file holds, the error is one line: what it quotes is escaped.
+TEST(ProcParsers, RefusalsQuoteTheFileOnOneLine) {
+  std::string error;
+  kxhost::ZramStat zram;
+  EXPECT_FALSE(kxhost::parseZramMmStat("MemTotal: 1 kB\nMemFree: 2 kB\n", &zram, &error));
+  EXPECT_EQ(error, "line 1: expected byte counts, got 'MemTotal: 1 kB\\x0aMemFree: 2 kB'");
+  int64_t value = 0;
+  EXPECT_FALSE(kxhost::parseSingleInt("7\n8\x1b[2J\n", &value, &error));
+  EXPECT_EQ(error, "line 1: expected one integer, got '7\\x0a8\\x1b[2J'");
+  kxhost::MemInfo mem;
+  EXPECT_FALSE(kxhost::parseMeminfo("Buffers: 12\xff kB\n", &mem, &error));
+  EXPECT_EQ(error, "line 1: value of Buffers is not a number: '12\\xff'");
+}
+
 }  // namespace

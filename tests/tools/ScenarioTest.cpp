@@ -121,6 +121,19 @@ TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
               HasSubstr("only 0 launches"));
 }
 
+// Up to the last time a scenario may hold, a scenario written out (whole
+// seconds as "HH:MM:SS") loads back to the same; an open needs 2 s more.
+TEST(ScenarioTest, LateTimesLoadBackAsWritten) {
+  for (const char* events : {R"([{"at": 3600000, "type": "learn"}])", R"([{"at": "2777:46:39", "type": "learn"}])",
+                             R"([{"at": 9999997.5, "type": "open", "app": "com.a"}])"}) {
+    const auto sc = parseScenario(withEvents(events));
+    EXPECT_EQ(parseScenario(sc.toJson().dump()).toJson(), sc.toJson()) << events;
+  }
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": 9999998, "type": "open", "app": "com.a"}])")),
+              HasSubstr("events[0].at: an open completes 2 seconds later"));
+  EXPECT_THAT(errorOf(withEvents(R"([{"at": "2777:46:40", "type": "learn"}])")), HasSubstr("before 2777:46:40"));
+}
+
 TEST(ScenarioTest, LoadingNamesTheFile) {
   kxtest::TempDir dir;
   const std::string bad = dir.write("bad.json", "{\"apps\": 3}");

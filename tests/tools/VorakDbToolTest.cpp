@@ -67,16 +67,33 @@ class VorakDbTool : public ::testing::Test {
   kxtest::TempDir mDir;
 };
 
+// Paths and contents of everything in the directory: what a run left.
+std::string listing(const std::string& dir) {
+  std::string out;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(dir)) {
+    if (e.path().filename() == "tool.out" || e.path().filename() == "tool.err") continue;
+    out += e.path().string() + (e.is_regular_file() ? " " + slurp(e.path().string()) : " dir") + "\n";
+  }
+  return out;
+}
+
 TEST_F(VorakDbTool, DecodesEveryRowTypeTakenFromTheFileName) {
   const auto samples = makeDb("Vorak.db", {{"com.a", pair64(40960, 204800)}, {"com.a", pair64(-1, 0)}});
+  // A file in WAL mode, closed: reading it creates no -wal or -shm beside it.
+  const std::string before = listing(mDir.path());
   ToolRun r = tool({samples});
+  EXPECT_EQ(listing(mDir.path()), before);
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_THAT(r.out, HasSubstr("meter samples"));
   EXPECT_THAT(r.out, HasSubstr("2 rows"));
   EXPECT_THAT(r.out, HasSubstr("com.a     40960    204800"));
   EXPECT_THAT(r.out, HasSubstr("com.a        -1         0"));
 
-  const auto needs = makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}});
+  const auto needs =
+      makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}, {"com.huge", pair64(INT64_MAX, 1)}});
+  r = tool({needs});
+  EXPECT_THAT(r.out, HasSubstr("150000    380000    530000\n"));
+  EXPECT_THAT(r.out, HasSubstr("1  overflow"));
   r = tool({needs, "--json"});
   ASSERT_EQ(r.code, 0) << r.err;
   const auto j = nlohmann::json::parse(r.out);
@@ -125,27 +142,62 @@ TEST_F(VorakDbTool, RowsThatDoNotFitTheTypeAreMarkedAndFailTheRun) {
   EXPECT_THAT(r.err, HasSubstr("1 of 2 rows"));
 }
 
-TEST_F(VorakDbTool, RejectsBrokenFilesWithOneLine) {
-  const auto valid = makeDb("Vorak.db", {{"com.a", pair64(1, 2)}});
-  // Checkpointed: the table's pages are in the main file, which is then cut.
-  const std::string data = slurp(valid);
+// Every kind of bad input: one line on stderr, status 2, within seconds, and
+// the file and its directory exactly as they were (no journal rolled back,
+// no -wal or -shm created).
+TEST_F(VorakDbTool, RefusesEveryBadInputInOneLineAndLeavesItAlone) {
+  for (const char* sub : {"valid", "other", "generated"}) std::filesystem::create_directories(mDir.sub(sub));
+  const auto valid = makeDb("valid/Vorak.db", {{"com.a", pair64(1, 2)}});
+  const std::string data = slurp(valid);  // closed and checkpointed: the rows are in the file
   ASSERT_GT(data.size(), 4096u);
-  std::filesystem::remove(valid + "-wal");
-  std::filesystem::remove(valid + "-shm");
-  const std::string truncated = mDir.write("cut/Vorak.db", data.substr(0, 4096 + 100));
   std::mt19937 rng(3);
   std::string noise(8192, '\0');
   for (char& c : noise) c = static_cast<char>(rng());
-  const std::string random = mDir.write("noise/Vorak.db", noise);
-  const std::string empty = mDir.write("empty/Vorak.db", "");
 
-  for (const auto& path : {truncated, random, empty, mDir.sub("absent/Vorak.db"), mDir.path()}) {
-    const ToolRun r = tool({path});
-    EXPECT_EQ(r.code, 2) << path;
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(mDir.sub("other/Vorak.db").c_str(), &db), SQLITE_OK);
+  sqlite3_exec(db, "CREATE TABLE Vorak(a, b); CREATE TABLE t(appName, blob)", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  ASSERT_EQ(sqlite3_open(mDir.sub("generated/Vorak.db").c_str(), &db), SQLITE_OK);
+  sqlite3_exec(db, "CREATE TABLE Vorak(intcol1, appName, rsvdName, blob AS (zeroblob(900000000)));"
+               "INSERT INTO Vorak(appName) VALUES ('com.a')", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  // A write cut short: the journal that would roll it back stays beside it.
+  const std::string hot = mDir.write("hot/Vorak.db", data);
+  ASSERT_EQ(sqlite3_open(hot.c_str(), &db), SQLITE_OK);
+  sqlite3_exec(db, "PRAGMA journal_mode=DELETE; PRAGMA cache_size=1; BEGIN; UPDATE Vorak SET blob = zeroblob(90000)",
+               nullptr, nullptr, nullptr);
+  std::filesystem::copy_file(hot, mDir.sub("hot/copy"));
+  std::filesystem::copy_file(hot + "-journal", mDir.sub("hot/copy-journal"));
+  sqlite3_close(db);
+  std::filesystem::remove(hot);
+  std::filesystem::rename(mDir.sub("hot/copy"), hot);
+  std::filesystem::rename(mDir.sub("hot/copy-journal"), hot + "-journal");
+
+  const struct {
+    std::string path, says;
+  } cases[] = {
+      {mDir.write("noise/Vorak.db", noise), "not a database"},
+      {mDir.write("text/Vorak.db", "CREATE TABLE Vorak(x);\n"), "not a database"},
+      {mDir.write("empty/Vorak.db", ""), "not a database of this system"},
+      {mDir.write("cut/Vorak.db", data.substr(0, 4096 + 100)), "damaged"},
+      {mDir.sub("other/Vorak.db"), "not a database of this system"},
+      {mDir.sub("generated/Vorak.db"), "not a database of this system"},
+      {hot, "journal is not rolled back"},
+      {mDir.sub("absent/Vorak.db"), "No such file"},
+      {mDir.path(), "is a directory"},
+      {"/dev/zero", "not a regular file"},
+  };
+  for (const auto& c : cases) {
+    const std::string before = listing(mDir.path());
+    kxtest::ToolRun r = kxtest::runTool(mDir, std::string("timeout 20 ") + VORAK_TOOL_LAUNCHER,
+                                        {VORAK_DB_TOOL, "--type", "samples", c.path});
+    EXPECT_EQ(r.code, 2) << c.path;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_EQ(r.err.rfind("vorak-db: ", 0), 0u) << r.err;
+    EXPECT_EQ(r.err.rfind("vorak-db: " + c.path + ": ", 0), 0u) << r.err;
+    EXPECT_THAT(r.err, HasSubstr(c.says)) << c.path;
+    EXPECT_EQ(listing(mDir.path()), before) << c.path;
   }
-  EXPECT_THAT(tool({random}).err, HasSubstr("not a database"));
 }
 
 TEST_F(VorakDbTool, HelpAndUsage) {

@@ -5,6 +5,7 @@
 // Every process a test kills or lets the action kill is a sleeper it forked
 // itself and offered through its own statistics source; each one is reaped.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -14,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -368,6 +370,8 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
        "(appName,memToGenerate) = (app5, -446875.000000)"},
       // 1e6 * 3860000 is beyond the range: the product is 0.
       {"product out of range", ordinaryStats(), 300000, 100000, 1.0e6f, -955000, 0, "We need not kill here."},
+      // A safeload that is not a number: no amount at all.
+      {"safeload NaN", ordinaryStats(), 300000, 100000, NAN, NAN, 0, "(appName,memToGenerate) = (app7, nan)"},
   };
   int i = 0;
   for (const DecideCase& c : cases) {
@@ -378,7 +382,7 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
     learn(a, app, c.rssSwap, c.ionKgsl);
     mLog.clear();
     EXPECT_FLOAT_EQ(a.decideKill(app), c.result);
-    EXPECT_FLOAT_EQ(feature(a, "howMuchToKill"), c.howMuchToKill);
+    EXPECT_THAT(feature(a, "howMuchToKill"), testing::NanSensitiveFloatEq(c.howMuchToKill));
     EXPECT_EQ(mLog.count(c.verdict), 1u);
     EXPECT_EQ(mLog.count(" Sum of weights = ("), 1u);
   }

@@ -68,10 +68,14 @@ double numberAt(const json& obj, const char* key, const std::string& where, doub
   return d;
 }
 
+// Times lie below this, in either form: a scenario written out (whole
+// seconds as "HH:MM:SS", hours past 99 included) loads back as it was.
+constexpr double kEndSec = 1e7;
+
 double parseTime(const json& v, const std::string& where) {
   if (v.is_number()) {
     const double t = v.get<double>();
-    if (!(t >= 0 && t < 1e7)) fail(where, "time must be seconds >= 0");
+    if (!(t >= 0 && t < kEndSec)) fail(where, "time must be seconds in [0, 10000000)");
     return t;
   }
   if (v.is_string()) {
@@ -79,8 +83,9 @@ double parseTime(const json& v, const std::string& where) {
     char tail = 0;
     const std::string text = v.get<std::string>();
     const int n = std::sscanf(text.c_str(), "%u:%u:%u%c", &h, &m, &s, &tail);
-    if ((n == 2 || n == 3) && m < 60 && s < 60 && h < 1000) return h * 3600.0 + m * 60.0 + s;
-    fail(where, "time '" + text + "' is not HH:MM or HH:MM:SS");
+    const double t = h * 3600.0 + m * 60.0 + s;
+    if ((n == 2 || n == 3) && m < 60 && s < 60 && t < kEndSec) return t;
+    fail(where, "time '" + text + "' is not HH:MM or HH:MM:SS before 2777:46:40");
   }
   fail(where, "expected seconds or \"HH:MM[:SS]\"");
 }
@@ -282,6 +287,7 @@ Scenario parseScenario(const std::string& text) {
     };
     if (type == "open") {
       const std::string a = needApp(true);
+      if (at + 2 >= kEndSec) fail(where + ".at", "an open completes 2 seconds later, past the last time");
       sc.events.push_back({at, EventType::Prepare, "", 101, 0});
       sc.events.push_back({at, EventType::Launch, a, 101, 0});
       sc.events.push_back({at + 2, EventType::Complete, a, 101, 0});

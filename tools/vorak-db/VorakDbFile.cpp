@@ -3,7 +3,10 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstddef>
 #include <cstring>
 
@@ -33,6 +36,38 @@ bool endsWith(const std::string& s, const std::string& suffix) {
 
 // A C string inside a fixed field; a field without a terminator ends at its size.
 std::string fixedString(const char* p, size_t size) { return std::string(p, strnlen(p, size)); }
+
+constexpr int kMaxValueBytes = 1 << 20;
+
+std::string oneLine(std::string s) {
+  std::replace(s.begin(), s.end(), '\n', ' ');
+  return s;
+}
+
+bool exists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+// Read-only is not enough to leave the directory as it was: opening a file
+// in WAL mode creates its -wal and -shm files. Without a -wal (or a rollback
+// journal) beside it, every committed row is in the file itself, which is
+// then read as immutable: no lock, no file created. A -wal or journal that
+// is there belongs to a writer that may still be at work and is respected.
+std::string openUri(const std::string& path) {
+  std::string uri = "file:";
+  for (unsigned char c : path) {
+    if (std::isalnum(c) || std::strchr("/._-~", c) != nullptr) {
+      uri += static_cast<char>(c);
+    } else {
+      char hex[4];
+      std::snprintf(hex, sizeof hex, "%%%02X", c);
+      uri += hex;
+    }
+  }
+  const bool quiet = !exists(path + "-wal") && !exists(path + "-journal");
+  return uri + (quiet ? "?immutable=1" : "?mode=ro");
+}
 
 }  // namespace
 
@@ -132,10 +167,12 @@ nlohmann::json decodeBlob(RowType type, const std::string& blob) {
 }
 
 DbFile::DbFile(const std::string& path) : mPath(path) {
-  // SQLite opens a directory or a missing file lazily; say what is wrong up front.
+  // SQLite opens a directory or a missing file lazily, and would read a
+  // device or a pipe without end: say what is wrong up front.
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) throw DbError(path + ": " + std::strerror(errno));
-  if (!S_ISREG(st.st_mode)) throw DbError(path + ": not a regular file");
+  if (S_ISDIR(st.st_mode)) throw DbError(path + ": is a directory, not a database file");
+  if (!S_ISREG(st.st_mode)) throw DbError(path + ": not a regular file (a device, pipe or socket)");
   try {
     open();
   } catch (...) {
@@ -146,9 +183,12 @@ DbFile::DbFile(const std::string& path) : mPath(path) {
 }
 
 void DbFile::open() {
-  const std::string& path = mPath;
-  if (sqlite3_open_v2(path.c_str(), &mDb, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) fail("cannot open");
+  if (sqlite3_open_v2(openUri(mPath).c_str(), &mDb, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) != SQLITE_OK)
+    fail("cannot open");
   sqlite3_busy_timeout(mDb, 2000);
+  // No value of this system comes near it; a hostile schema (a generated
+  // column of randomblob(1e9), say) must not make the reader allocate more.
+  sqlite3_limit(mDb, SQLITE_LIMIT_LENGTH, kMaxValueBytes);
   // A cut file can read as rows of zeros without any error: check the
   // structure first, so that damage is reported rather than dumped.
   sqlite3_stmt* stmt = nullptr;
@@ -159,12 +199,17 @@ void DbFile::open() {
     verdict = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
   sqlite3_finalize(stmt);
   if (rc != SQLITE_ROW) fail("not a readable database");
-  if (verdict != "ok") throw DbError(path + ": damaged database: " + verdict);
+  if (verdict != "ok") throw DbError(mPath + ": damaged database: " + oneLine(verdict));
 }
 
 DbFile::~DbFile() { sqlite3_close(mDb); }
 
 void DbFile::fail(const std::string& what) {
+  // Rolling the journal back would change the file: say so instead.
+  if (mDb != nullptr && sqlite3_extended_errcode(mDb) == SQLITE_READONLY_ROLLBACK) {
+    throw DbError(mPath + ": a write was cut short and its journal is not rolled back here; "
+                  "open the file once with the plug-in or sqlite3 first");
+  }
   std::string msg = mPath + ": " + what;
   if (mDb != nullptr) msg += ": " + std::string(sqlite3_errmsg(mDb));
   throw DbError(msg);
@@ -189,30 +234,29 @@ std::vector<std::string> DbFile::tables() {
 
 std::string DbFile::resolveTable(const std::string& table) {
   const std::vector<std::string> names = tables();
-  auto has = [&](const std::string& n) {
-    for (const auto& t : names)
-      if (t == n) return true;
-    return false;
-  };
   if (!table.empty()) {
-    if (!has(table)) throw DbError(mPath + ": no table '" + table + "'");
+    if (std::find(names.begin(), names.end(), table) == names.end())
+      throw DbError(mPath + ": no table '" + table + "'");
     return table;
   }
-  if (has("Vorak")) return "Vorak";
-  if (names.size() == 1) return names.front();
-  if (names.empty()) throw DbError(mPath + ": no tables (not a database of this system)");
+  std::vector<std::string> ours;
+  for (const auto& name : names)
+    if (missingColumn(name) == nullptr) ours.push_back(name);
+  if (std::find(ours.begin(), ours.end(), "Vorak") != ours.end()) return "Vorak";
+  if (ours.size() == 1) return ours.front();
+  if (ours.empty())
+    throw DbError(mPath + ": not a database of this system (no table with the columns intcol1, appName, rsvdName, blob)");
   throw DbError(mPath + ": no table 'Vorak' and several others (choose one with --table)");
 }
 
-std::vector<Row> DbFile::rows(const std::string& table) {
-  // The name is quoted for SQL; a table name cannot be bound as a parameter.
-  std::string quoted = "\"";
-  for (char c : table) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-  quoted += "\"";
-
+// The first of the system's four columns that `table` lacks, or null. A
+// generated column counts as missing: the store writes none, and one would
+// compute values on every read that no file holds.
+const char* DbFile::missingColumn(const std::string& table) {
   sqlite3_stmt* stmt = nullptr;
-  const std::string columns = "SELECT name FROM pragma_table_info(?)";
-  if (sqlite3_prepare_v2(mDb, columns.c_str(), -1, &stmt, nullptr) != SQLITE_OK) fail("not a readable database");
+  if (sqlite3_prepare_v2(mDb, "SELECT name FROM pragma_table_xinfo(?) WHERE hidden = 0", -1, &stmt, nullptr) !=
+      SQLITE_OK)
+    fail("not a readable database");
   sqlite3_bind_text(stmt, 1, table.c_str(), -1, SQLITE_TRANSIENT);
   std::vector<std::string> have;
   int rc;
@@ -222,12 +266,21 @@ std::vector<Row> DbFile::rows(const std::string& table) {
   }
   sqlite3_finalize(stmt);
   if (rc != SQLITE_DONE) fail("reading table '" + table + "' failed");
-  for (const char* want : {"intcol1", "appName", "rsvdName", "blob"}) {
-    bool found = false;
-    for (const auto& c : have) found = found || c == want;
-    if (!found) throw DbError(mPath + ": table '" + table + "' has no column '" + want + "' (not a table of this system)");
-  }
+  for (const char* want : {"intcol1", "appName", "rsvdName", "blob"})
+    if (std::find(have.begin(), have.end(), want) == have.end()) return want;
+  return nullptr;
+}
 
+std::vector<Row> DbFile::rows(const std::string& table) {
+  if (const char* want = missingColumn(table))
+    throw DbError(mPath + ": table '" + table + "' has no column '" + want + "' (not a table of this system)");
+  // The name is quoted for SQL; a table name cannot be bound as a parameter.
+  std::string quoted = "\"";
+  for (char c : table) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  quoted += "\"";
+
+  sqlite3_stmt* stmt = nullptr;
+  int rc;
   const std::string sql = "SELECT rowid, intcol1, appName, rsvdName, blob FROM " + quoted + " ORDER BY rowid";
   if (sqlite3_prepare_v2(mDb, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) fail("reading table '" + table + "' failed");
   std::vector<Row> out;

@@ -61,13 +61,15 @@ class DbFile {
   DbFile& operator=(const DbFile&) = delete;
 
   std::vector<std::string> tables();
-  // `table` empty: the system's table "Vorak", or the only table of the file.
+  // `table` empty: the system's table "Vorak", or the file's only table with
+  // the system's columns.
   std::string resolveTable(const std::string& table);
   // Every row of `table` in rowid order; checks the table has the system's columns.
   std::vector<Row> rows(const std::string& table);
 
  private:
   void open();
+  const char* missingColumn(const std::string& table);
   [[noreturn]] void fail(const std::string& what);
   std::string mPath;
   sqlite3* mDb = nullptr;
