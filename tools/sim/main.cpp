@@ -61,7 +61,8 @@ void onSignal(int) { vsim::Simulator::stop(); }
 
 void describe(CLI::App& app, Args& a) {
   app.add_option("SCENARIO", a.scenarioPath, "scenario file (JSON); default: the built-in day");
-  app.add_option("--builtin", a.builtin, "a built-in scenario instead: day (20 apps, 4 GB) or week (24 apps, 4 GB)")
+  app.add_option("--builtin", a.builtin,
+                 "a built-in scenario instead: day (20 apps, 4 GB) or week (24 apps, 4 GB, or the class of --device)")
       ->check(CLI::IsMember({"day", "week"}));
   app.add_option("--policy", a.policy,
                  "who frees memory before a launch: vorak (the plug-in), vorak:safeload=X (its model's "
@@ -75,9 +76,8 @@ void describe(CLI::App& app, Args& a) {
   auto* generate = app.add_flag("--generate", a.generate, "print a generated scenario of many days and exit");
   app.add_option("--days", a.gen.days, "--generate: days, from a Monday (1 to 28)")->capture_default_str()->needs(generate);
   app.add_option("--apps", a.gen.apps, "--generate: apps (1 to 500)")->capture_default_str()->needs(generate);
-  app.add_option("--device", a.gen.deviceGb, "--generate: device class, 2, 4 or 6 (GB)")
-      ->capture_default_str()
-      ->needs(generate);
+  app.add_option("--device", a.gen.deviceGb, "--generate and --builtin week: device class, 2, 4 or 6 (GB)")
+      ->capture_default_str();
   app.add_option("--seed", a.gen.seed, "--generate: seed; the same seed gives the same scenario")
       ->capture_default_str()
       ->needs(generate);
@@ -99,12 +99,14 @@ void describe(CLI::App& app, Args& a) {
       "disabled itself, 2 bad usage, bad scenario or a run that could not start.");
 }
 
-vsim::Scenario chosenScenario(const Args& a) {
+vsim::Scenario chosenScenario(const Args& a, bool deviceGiven) {
+  if (deviceGiven && !a.generate && a.builtin != "week")
+    throw vsim::ScenarioError("--device goes with --generate or --builtin week");
   if (!a.scenarioPath.empty()) {
     if (!a.builtin.empty()) throw vsim::ScenarioError("give a scenario file or --builtin, not both");
     return vsim::loadScenario(a.scenarioPath);
   }
-  return a.builtin == "week" ? vsim::builtinWeek() : vsim::defaultScenario();
+  return a.builtin == "week" ? vsim::builtinWeek(a.gen.deviceGb) : vsim::defaultScenario();
 }
 
 // The command that puts this run's scenario side by side with the other policies.
@@ -112,6 +114,7 @@ std::string compareCommand(const char* argv0, const Args& a) {
   std::string cmd = argv0;
   if (!a.scenarioPath.empty()) cmd += " " + vsim::printable(a.scenarioPath);
   if (!a.builtin.empty()) cmd += " --builtin " + a.builtin;
+  if (a.builtin == "week" && a.gen.deviceGb != 4) cmd += " --device " + std::to_string(a.gen.deviceGb);
   return cmd + " --compare";
 }
 
@@ -185,7 +188,7 @@ int main(int argc, char** argv) {
       std::cout << vsim::dumpJson(vsim::generateScenario(a.gen).toJson()) << "\n";
       return kExitOk;
     }
-    scenario = chosenScenario(a);
+    scenario = chosenScenario(a, app.count("--device") > 0);
     if (a.printScenario) {
       std::cout << vsim::dumpJson(scenario.toJson()) << "\n";
       return kExitOk;
