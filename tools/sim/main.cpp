@@ -14,12 +14,17 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
+#include <map>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
 #include "Evaluation.h"
 #include "Generator.h"
+#include "LogImport.h"
 #include "Scenario.h"
 #include "Text.h"
 
@@ -32,11 +37,18 @@ constexpr int kExitOk = 0;
 constexpr int kExitUnmet = 1;
 constexpr int kExitBad = 2;
 
+struct ImportArgs {
+  std::string log, figures, output = "-", name;
+  int deviceGb = 4;
+  std::optional<int> year;
+};
+
 struct Args {
   std::string scenarioPath, builtin, runDir, policy = "vorak", policies = "vorak,none,oracle", model;
   std::string plugin = VORAK_SIM_PLUGIN, models = VORAK_SIM_MODELS;
   bool asJson = false, quiet = false, noProgress = false, printScenario = false, compare = false, generate = false;
   vsim::GeneratorOptions gen;
+  ImportArgs import;
 };
 
 std::string oneLine(std::string s) {
@@ -97,6 +109,55 @@ void describe(CLI::App& app, Args& a) {
       "(data/vendor/kx/*.db: dump them with vorak-db). With --compare: report.txt, report.json and compare.svg, "
       "and one such directory per policy.\nExit status: 0 success, 1 expected victims not met or the plug-in "
       "disabled itself, 2 bad usage, bad scenario or a run that could not start.");
+}
+
+CLI::App* describeImport(CLI::App& app, ImportArgs& a) {
+  auto* cmd = app.add_subcommand(
+      "import",
+      "Turn an Android event log (logcat -b events -v threadtime) into a scenario file: its activity launches "
+      "and the apps the user removed, with the log's weekdays and hours, and learning every two hours.");
+  cmd->add_option("LOG", a.log, "the event log as text (\"-\" for stdin)")->required();
+  cmd->add_option("--figures", a.figures, "CSV of app name, rss_swap KB, graphics KB, file KB; apps it lacks get "
+                                          "the class defaults");
+  cmd->add_option("--device", a.deviceGb, "device class, 2, 4 or 6 (GB)")->capture_default_str()->check(CLI::IsMember({2, 4, 6}));
+  cmd->add_option("--year", a.year, "the year of the log's first line, when its dates carry none")->check(CLI::Range(1970, 9999));
+  cmd->add_option("--name", a.name, "the scenario's name; default: imported from LOG");
+  cmd->add_option("-o,--output", a.output, "where the scenario goes (\"-\" for stdout)")->capture_default_str();
+  return cmd;
+}
+
+std::string readText(const std::string& path, const char* what) {
+  if (path == "-") return std::string(std::istreambuf_iterator<char>(std::cin), {});
+  if (fs::is_directory(path)) throw vsim::ScenarioError(path + ": is a directory, not " + what);
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw vsim::ScenarioError(path + ": cannot read");
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+int runImport(const ImportArgs& a) {
+  const auto figures = a.figures.empty() ? std::map<std::string, vsim::AppFigures>{}
+                                         : vsim::parseFigures(readText(a.figures, "a figures file"));
+  std::istringstream log(readText(a.log, "a log"));
+  vsim::ImportOptions o;
+  o.deviceGb = a.deviceGb;
+  o.year = a.year;
+  o.name = a.name.empty() ? "imported from " + (a.log == "-" ? std::string("stdin") : fs::path(a.log).filename().string())
+                          : a.name;
+  const vsim::ImportResult r = vsim::importLog(log, figures, o);
+  const std::string json = vsim::dumpJson(r.scenario.toJson()) + "\n";
+  if (a.output == "-") {
+    std::cout << json;
+  } else {
+    std::ofstream out(a.output, std::ios::binary);
+    out << json;
+    if (!out.flush()) throw vsim::ScenarioError(a.output + ": cannot write");
+  }
+  for (const auto& w : r.warnings()) std::cerr << kProg << ": warning: " << oneLine(w) << "\n";
+  std::cerr << kProg << ": imported " << r.launches << " launches of " << r.scenario.apps.size() << " apps and "
+            << r.removals << " removals; " << r.deviceKills << " kills by the device, " << r.processStarts
+            << " process starts and " << r.processDeaths << " deaths are left to the simulation; " << r.otherLines
+            << " lines of other tags ignored\n";
+  return kExitOk;
 }
 
 vsim::Scenario chosenScenario(const Args& a, bool deviceGiven) {
@@ -174,6 +235,7 @@ int main(int argc, char** argv) {
       kProg};
   Args a;
   describe(app, a);
+  auto* importCmd = describeImport(app, a.import);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -184,6 +246,7 @@ int main(int argc, char** argv) {
 
   vsim::Scenario scenario;
   try {
+    if (importCmd->parsed()) return runImport(a.import);
     if (a.generate) {
       std::cout << vsim::dumpJson(vsim::generateScenario(a.gen).toJson()) << "\n";
       return kExitOk;
