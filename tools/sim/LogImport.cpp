@@ -218,7 +218,7 @@ ImportResult importLog(std::istream& log, const std::map<std::string, AppFigures
   if (reader.last() - monday > kMaxSpanSec) throw ScenarioError("the log spans more than 100 days from the Monday of its first line");
 
   Scenario& sc = r.scenario;
-  sc.name = options.name;
+  sc.name = options.name.empty() ? "imported event log" : options.name;
   sc.device = *device;
   std::set<std::string> apps;
   for (const auto& t : timed)
