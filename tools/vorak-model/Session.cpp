@@ -29,12 +29,18 @@ std::string basePath(const SessionOptions& o) {
                              : o.baseModel;
 }
 
+// The runs' model file, in the binary form the plug-in reads whatever form
+// the base was given in.
+fs::path runModel(const SessionOptions& o) { return fs::path(o.runDir) / "base.data"; }
+
 VorakModel loadBase(const SessionOptions& o) {
   VorakModel base = loadModel(basePath(o));
   const auto missing = missingPaths(base);
   if (!missing.empty())
     throw ModelError(kExitBadInput, displayName(basePath(o)) + ": missing required fields: " + missing.front() +
                                         (missing.size() > 1 ? " and more" : ""));
+  fs::create_directories(o.runDir);
+  writeAll(runModel(o).string(), encode(base));
   return base;
 }
 
@@ -59,7 +65,7 @@ vsim::SimOptions runOptions(const SessionOptions& o, const fs::path& dir, const 
   vsim::SimOptions s;
   s.pluginPath = o.pluginPath;
   s.modelDir = o.shippedModels;
-  s.modelFile = basePath(o);
+  s.modelFile = runModel(o).string();
   s.runDir = dir.string();
   s.policy = policy;
   return s;
