@@ -4,12 +4,21 @@
 // row type T only gives the blob its fixed size and meaning. Queries go
 // straight to SQLite; new and changed rows pass through the FIFO cache and
 // are written in one transaction per write-back.
+//
+// Failures: every operation that reaches the database clears the calling
+// thread's kxdb::lastError() on entry and records its failure there, so
+// after a call it is empty exactly when that call succeeded (for
+// writeDeallocateDR: when its write-back committed every row). Log lines
+// name the public operation that failed.
 #pragma once
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <list>
 #include <mutex>
 #include <new>
@@ -18,10 +27,17 @@
 #include <vector>
 
 #include "FsRoot.h"
+#include "kxdb/KxBusyHandler.h"
 #include "kxdb/KxDBDataRow.h"
 #include "kxdb/KxDBDataRowKey.h"
 #include "kxdb/KxDBDataTable.h"
+#include "kxdb/KxFailFast.h"
+#include "kxdb/KxFileHealth.h"
+#include "kxdb/KxLastError.h"
 #include "kxdb/KxLog.h"
+#include "kxdb/KxNameCheck.h"
+#include "kxdb/KxOperation.h"
+#include "kxdb/KxResult.h"
 #include "kxdb/KxdbTypes.h"
 #include "kxdb/SqliteStatement.h"
 
@@ -38,6 +54,12 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   static constexpr size_t kMaxReadRows = 10000;
   static constexpr size_t kMaxDistinctValues = 1000;
   static constexpr size_t kMaxAllocRows = 100;
+  // Rows kept cached while write-backs fail (a full disk, a lock held
+  // elsewhere): about a megabyte of rows, and never fewer than one
+  // allocation. Samples keep arriving at every launch, and a store that
+  // cannot write for days must not grow without bound inside the process
+  // that it is meant to free memory for; past the bound the oldest go.
+  static constexpr size_t kMaxCachedRows = std::max<size_t>(kMaxAllocRows, (size_t{1} << 20) / sizeof(Row));
 
   // The capacity is accepted for the callers' sake and deliberately unused:
   // a table is never limited by it. The database is not opened here.
@@ -55,7 +77,10 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   kxdbError KxDatabaseInit() { return openKxdb(); }
 
   kxdbError openKxdb();
-  kxdbError createKxdbTables();
+  kxdbError createKxdbTables() {
+    kxdb::KxOperation op(__func__, this->mTableName, mRefusalLogged);
+    return createTable(op);
+  }
   kxdbError closeKxdb();
 
   kxdbError KxDatabaseWriteCachedToDisk() {
@@ -80,28 +105,35 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   int freeRow(vecT& rows) { return deallocateDR(rows); }
 
   bool isOpen() const { return mDb != nullptr; }
+  // Pauses slept waiting for locks held elsewhere, since construction.
+  unsigned long lockWaits() const { return mBusy.waits(); }
 
  private:
+  using Operation = kxdb::KxOperation;
+  enum class RowOutcome { kWritten, kDropped, kStoreFault };
+
   std::string dbName() const { return mDbFileName.empty() ? std::string(":memory:") : mDbDir + mDbFileName; }
   const char* table() const { return this->mTableName.c_str(); }
-  // Runs a fixed statement; a failure is logged with SQLite's message.
-  bool execLogged(const char* sql);
+
+  bool namesUsable(Operation& op) const;
+  bool openChecked(Operation& op);
+  bool connect(Operation& op, const std::string& name, const std::string& path);
+  bool startAfresh(Operation& op, const std::string& name, const std::string& path, const std::string& why);
+  kxdbError createTable(Operation& op);
+
   // Prepares `sql` into `stmt`; a failure is logged with SQLite's message.
-  bool prepareLogged(SqliteStatement& stmt, const std::string& sql) {
-    if (stmt.prepare(mDb, sql) == SQLITE_OK) return true;
-    KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-    return false;
-  }
-  // Logs a SQLite result other than `expected` with its code.
-  void logIfFailed(int rc, int expected = SQLITE_OK) {
-    if (rc != expected) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%d\n", table(), rc);
-  }
-  void transactionStep(const char* sql);
-  void beginImmediate() { transactionStep("BEGIN IMMEDIATE TRANSACTION;"); }
-  void commit() { transactionStep("COMMIT TRANSACTION;"); }
+  bool prepareLogged(Operation& op, SqliteStatement& stmt, const std::string& sql);
+  // Runs a fixed statement; a failure is logged with SQLite's message.
+  bool execLogged(Operation& op, const char* sql);
+  bool beginWrite(Operation& op);
+  bool commitWrite(Operation& op);
+  void rollbackIfOpen(Operation& op);
+
+  kxdbError writeBack(Operation& op);
   bool takeCachedRow(std::list<Row*>& written);
-  static void freeWritten(std::list<Row*>& written);
-  void writeRow(Row* row, sqlite3_stmt* insert, sqlite3_stmt* update);
+  RowOutcome writeRow(Operation& op, Row* row, sqlite3_stmt* insert, sqlite3_stmt* update);
+  void keepCached(Operation& op, std::list<Row*>& rows);
+  static void freeRows(std::list<Row*>& rows);
   static void fillRow(Row* row, sqlite3_stmt* stmt);
 
   sqlite3* mDb = nullptr;
@@ -112,48 +144,137 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   // fail and its ROLLBACK undo the first writer's open transaction. The
   // cache mutex is never taken while this one is held across SQLite calls.
   std::mutex mWriteMutex;
+  kxdb::KxBusyHandler mBusy;
+  // Set while a fail-fast refusal of this store has been logged and no
+  // operation has succeeded since; see KxOperation.
+  std::atomic<bool> mRefusalLogged{false};
+  unsigned long mDroppedRows = 0;  // by the cache bound; guarded by mCacheMutex
 };
 
 // ---- opening, table creation, closing --------------------------------------
 
 template <typename T>
 kxdbError KxDatabase<T>::openKxdb() {
-  const std::string name = dbName();
-  const std::string path = kxhost::devicePath(name);
-  int rc = sqlite3_open_v2(path.c_str(), &mDb, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  if (rc != SQLITE_OK) {
-    KXLOGE("KXDB", "ERROR:Db=%s sql open failed, err=%d\n", name.c_str(), rc);
-    closeKxdb();
-    return KXDB_FAILURE;
+  Operation op(__func__, this->mTableName, mRefusalLogged);
+  bool opened = false;
+  try {
+    if (namesUsable(op)) {
+      mBusy.setLimitMs(kxdb::KxBusyHandler::kOpenWaitMs);
+      opened = openChecked(op) && createTable(op) == KXDB_SUCCESS;
+    }
+  } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
+    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
+  } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
+    KXLOGE("KXDB", "Caught Exception in %s", __func__);
   }
-  // Another connection to the same file (a tool, a second store) holds the
-  // write lock only briefly; wait for it rather than fail the transaction.
-  sqlite3_busy_timeout(mDb, 2000);
-  if (!mDbFileName.empty()) {
-    char* err = nullptr;
-    if (sqlite3_exec(mDb, "PRAGMA journal_mode=WAL", nullptr, nullptr, &err) != SQLITE_OK)
-      KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", name.c_str(), err != nullptr ? err : "");
-    sqlite3_free(err);
-  }
-  return createKxdbTables() != KXDB_SUCCESS ? KXDB_FAILURE : KXDB_SUCCESS;
+  mBusy.setLimitMs(kxdb::KxBusyHandler::kWaitMs);
+  if (opened) return KXDB_SUCCESS;
+  // A store that did not open completely is left closed, so that its
+  // operations do nothing instead of failing one by one.
+  closeKxdb();
+  return KXDB_FAILURE;
 }
 
 template <typename T>
-kxdbError KxDatabase<T>::createKxdbTables() {
+bool KxDatabase<T>::namesUsable(Operation& op) const {
+  if (const char* why = kxdb::tableNameProblem(this->mTableName)) {
+    op.record(SQLITE_MISUSE, why);
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Dbt=%s unusable table name: %s\n", table(), why);
+    return false;
+  }
+  if (const char* why = kxdb::fileNameProblem(mDbFileName)) {
+    op.record(SQLITE_CANTOPEN, why);
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Db=%s unusable file name: %s\n", dbName().c_str(), why);
+    return false;
+  }
+  return true;
+}
+
+// A file database is checked before anything is written to it: a damaged
+// file is moved aside and started afresh, a file that cannot be checked
+// (locked elsewhere) fails the open and is left as it is.
+template <typename T>
+bool KxDatabase<T>::openChecked(Operation& op) {
+  const std::string name = dbName();
+  const std::string path = kxhost::devicePath(name);
+  if (mDbFileName.empty()) return connect(op, name, path);
+  std::error_code ec;
+  const auto type = std::filesystem::status(path, ec).type();
+  if (type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::regular &&
+      type != std::filesystem::file_type::none) {
+    // A directory cannot be moved aside without risking what it holds.
+    op.record(SQLITE_CANTOPEN, "not a regular file");
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Db=%s is not a regular file, cannot open it as a database\n", name.c_str());
+    return false;
+  }
+  if (!connect(op, name, path)) return false;
+  const kxdb::KxHealth health = kxdb::checkHealth(mDb, this->mTableName);
+  if (health.state == kxdb::KxHealth::kUnchecked) {
+    op.record(health.rc, health.detail.c_str());
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Db=%s cannot be checked at open: %s (%d)\n", name.c_str(), health.detail.c_str(), health.rc);
+    return false;
+  }
+  if (health.state == kxdb::KxHealth::kDamaged && !startAfresh(op, name, path, health.detail)) return false;
+  char* err = nullptr;
+  if (sqlite3_exec(mDb, "PRAGMA journal_mode=WAL", nullptr, nullptr, &err) != SQLITE_OK)
+    KXLOGE_AS(op.name(), "KXDB", "sql:ERROR:Dbt=%s info=%s\n", name.c_str(), err != nullptr ? err : "");
+  sqlite3_free(err);
+  return true;
+}
+
+template <typename T>
+bool KxDatabase<T>::connect(Operation& op, const std::string& name, const std::string& path) {
+  const int rc = sqlite3_open_v2(path.c_str(), &mDb, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  if (rc != SQLITE_OK) {
+    op.record(rc, sqlite3_errstr(rc));
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Db=%s sql open failed, err=%d\n", name.c_str(), rc);
+    closeKxdb();
+    return false;
+  }
+  mBusy.install(mDb);
+  return true;
+}
+
+// Keeps the damaged file for diagnosis and opens a new one in its place.
+template <typename T>
+bool KxDatabase<T>::startAfresh(Operation& op, const std::string& name, const std::string& path,
+                                const std::string& why) {
+  // Closing must not checkpoint the journal into the file or delete it:
+  // both are kept as found.
+  sqlite3_db_config(mDb, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  if (closeKxdb() != KXDB_SUCCESS) return false;
+  std::string error;
+  const std::string suffix = kxdb::moveAside(path, error);
+  if (suffix.empty()) {
+    op.record(SQLITE_CANTOPEN, error.c_str());
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Db=%s damaged (%s) and cannot be moved aside: %s\n", name.c_str(), why.c_str(),
+           error.c_str());
+    return false;
+  }
+  KXLOGE_AS(op.name(), "KXDB", "ERROR:Db=%s damaged (%s): moved to %s%s, starting afresh\n", name.c_str(), why.c_str(),
+         name.c_str(), suffix.c_str());
+  return connect(op, name, path);
+}
+
+template <typename T>
+kxdbError KxDatabase<T>::createTable(Operation& op) {
   if (mDb == nullptr) return KXDB_SUCCESS;
   try {
     const std::string sql = "CREATE TABLE IF NOT EXISTS " + this->mTableName +
                             "(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB)";
     char* err = nullptr;
-    if (sqlite3_exec(mDb, sql.c_str(), nullptr, nullptr, &err) != SQLITE_OK) {
-      KXLOGE("KXDB", "ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
+    const int rc = sqlite3_exec(mDb, sql.c_str(), nullptr, nullptr, &err);
+    if (rc != SQLITE_OK) {
+      op.info(rc, err != nullptr ? err : "");
       sqlite3_free(err);
       return KXDB_FAILURE;
     }
   } catch (const std::exception& e) {
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
+    KXLOGE_AS(op.name(), "KXDB", "Caught exception: %s in %s", e.what(), op.name());
   } catch (...) {
-    KXLOGE("KXDB", "Caught Exception in %s", __func__);
+    KXLOGE_AS(op.name(), "KXDB", "Caught Exception in %s", op.name());
   }
   return KXDB_SUCCESS;
 }
@@ -169,6 +290,61 @@ kxdbError KxDatabase<T>::closeKxdb() {
   // Reset so that a store whose open failed is treated as not open.
   mDb = nullptr;
   return KXDB_SUCCESS;
+}
+
+// ---- statements and transactions --------------------------------------------
+
+template <typename T>
+bool KxDatabase<T>::prepareLogged(Operation& op, SqliteStatement& stmt, const std::string& sql) {
+  std::string error;
+  const int rc = stmt.prepare(mDb, sql, &error);
+  if (rc == SQLITE_OK) return true;
+  op.sqlMessage(rc, error.c_str());
+  return false;
+}
+
+template <typename T>
+bool KxDatabase<T>::execLogged(Operation& op, const char* sql) {
+  char* err = nullptr;
+  const int rc = sqlite3_exec(mDb, sql, nullptr, nullptr, &err);
+  if (rc != SQLITE_OK) op.sqlMessage(rc, err != nullptr ? err : sqlite3_errstr(rc));
+  sqlite3_free(err);
+  return rc == SQLITE_OK;
+}
+
+// Takes the write lock for a transaction. Waiting for a lock held elsewhere
+// happens here, between attempts, and not in the busy handler: that one
+// sleeps holding the connection's mutex and would hold up every thread
+// using this store, the launch path's reads among them.
+template <typename T>
+bool KxDatabase<T>::beginWrite(Operation& op) {
+  const bool mayWait = !kxdb::failFast();
+  for (int attempt = 0;; ++attempt) {
+    char* err = nullptr;
+    int rc;
+    {
+      kxdb::FailFastScope notInside;
+      rc = sqlite3_exec(mDb, "BEGIN IMMEDIATE TRANSACTION;", nullptr, nullptr, &err);
+    }
+    const bool retry = rc != SQLITE_OK && mayWait && kxdb::isLockBusy(rc) && mBusy.pause(attempt);
+    if (rc != SQLITE_OK && !retry) op.sqlMessage(rc, err != nullptr ? err : sqlite3_errstr(rc));
+    sqlite3_free(err);
+    if (!retry) return rc == SQLITE_OK;
+  }
+}
+
+template <typename T>
+bool KxDatabase<T>::commitWrite(Operation& op) {
+  if (execLogged(op, "COMMIT TRANSACTION;")) return true;
+  rollbackIfOpen(op);
+  return false;
+}
+
+// SQLite ends the transaction itself after some failures (a full disk, an
+// I/O error); a ROLLBACK then would only fail.
+template <typename T>
+void KxDatabase<T>::rollbackIfOpen(Operation& op) {
+  if (sqlite3_get_autocommit(mDb) == 0) execLogged(op, "ROLLBACK TRANSACTION;");
 }
 
 // ---- queries ----------------------------------------------------------------
@@ -234,6 +410,7 @@ void KxDatabase<T>::fillRow(Row* row, sqlite3_stmt* stmt) {
 template <typename T>
 typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, unsigned long count,
                                                            kxdbOrderByCol col, kxdbOrderByDir dir) {
+  Operation op(__func__, this->mTableName, mRefusalLogged);
   vecT rows;
   if (mDb == nullptr) return rows;
   if (count > kMaxReadRows) {
@@ -248,25 +425,30 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
     if (col != KXDB_ORDER_BY_NONE)
       sql += std::string(" ORDER BY ") + kKxdbOrderByColText[col] + " " + kKxdbOrderByDirText[dir];
     SqliteStatement stmt;
-    if (!prepareLogged(stmt, sql)) return rows;
+    if (!prepareLogged(op, stmt, sql)) return rows;
     while (rows.size() < count) {
       if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
-        logIfFailed(sqlite3_reset(stmt.get()));
+        const int rc = sqlite3_reset(stmt.get());
+        if (rc != SQLITE_OK) op.sqlCode(rc);
         break;
       }
       Row* row = new (std::nothrow) Row;
       if (row == nullptr) {
+        op.record(SQLITE_NOMEM, "new operator failure");
         KXLOGE("KXDB", "ERROR:Dbt=%s new operator failure, allocated=%zu\n", table(), static_cast<size_t>(0));
         break;
       }
       rows.push_back(row);
       fillRow(row, stmt.get());
     }
-    logIfFailed(stmt.finalize());
+    const int rc = stmt.finalize();
+    if (rc != SQLITE_OK && !op.failed()) op.sqlCode(rc);
   } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     deallocateDR(rows);
   } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
     KXLOGE("KXDB", "Error in std::string operations in %s", __func__);
     deallocateDR(rows);
   }
@@ -275,42 +457,52 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
 
 template <typename T>
 int KxDatabase<T>::getCountDR(KxDBDataRowKey& key) {
+  Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return 0;
   int count = 0;
   try {
     std::string sql = "SELECT COUNT(*) FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
     SqliteStatement stmt;
-    if (!prepareLogged(stmt, sql)) return 0;
+    if (!prepareLogged(op, stmt, sql)) return 0;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int(stmt.get(), 0);
-    logIfFailed(stmt.finalize());
+    const int rc = stmt.finalize();
+    if (rc != SQLITE_OK) op.sqlCode(rc);
   } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     return 0;
   } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
     KXLOGE("KXDB", "Caught Exception in %s", __func__);
     return 0;
   }
   return count;
 }
 
+// Runs without an explicit transaction, so a lock held elsewhere is waited
+// for (boundedly) by the busy handler.
 template <typename T>
 int KxDatabase<T>::deleteAllDR(KxDBDataRowKey& key) {
+  Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return 0;
   int deleted = 0;
   try {
     std::string sql = "DELETE FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
     SqliteStatement stmt;
-    if (!prepareLogged(stmt, sql)) return 0;
+    if (!prepareLogged(op, stmt, sql)) return 0;
     const int rc = sqlite3_step(stmt.get());
-    logIfFailed(rc, SQLITE_DONE);
     if (rc == SQLITE_DONE) deleted = sqlite3_changes(mDb);
-    logIfFailed(stmt.finalize());
+    else op.sqlCode(rc);
+    const int rcFinal = stmt.finalize();
+    if (rcFinal != SQLITE_OK && !op.failed()) op.sqlCode(rcFinal);
   } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     return 0;
   } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
     KXLOGE("KXDB", "Error in std::string operations in %s", __func__);
     return 0;
   }
@@ -320,15 +512,17 @@ int KxDatabase<T>::deleteAllDR(KxDBDataRowKey& key) {
 template <typename T>
 std::vector<std::string> KxDatabase<T>::getTxtColUniqList(kxdbTxtCol col, kxdbOrderByCol orderCol,
                                                           kxdbOrderByDir dir) {
+  Operation op(__func__, this->mTableName, mRefusalLogged);
   std::vector<std::string> values;
   if (mDb == nullptr) return values;
   const std::string column = kKxdbTxtColText[col];
   long count = 0;
   {
     SqliteStatement stmt;
-    if (!prepareLogged(stmt, "SELECT COUNT(DISTINCT " + column + ") FROM " + this->mTableName)) return values;
+    if (!prepareLogged(op, stmt, "SELECT COUNT(DISTINCT " + column + ") FROM " + this->mTableName)) return values;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int64(stmt.get(), 0);
-    logIfFailed(stmt.finalize());
+    const int rc = stmt.finalize();
+    if (rc != SQLITE_OK) op.sqlCode(rc);
   }
   if (count == 0) return values;
   if (count < 0 || count > static_cast<long>(kMaxDistinctValues)) {
@@ -339,17 +533,19 @@ std::vector<std::string> KxDatabase<T>::getTxtColUniqList(kxdbTxtCol col, kxdbOr
   if (orderCol != KXDB_ORDER_BY_NONE)
     sql += std::string(" ORDER BY ") + kKxdbOrderByColText[orderCol] + " " + kKxdbOrderByDirText[dir];
   SqliteStatement stmt;
-  if (!prepareLogged(stmt, sql)) return values;
+  if (!prepareLogged(op, stmt, sql)) return values;
   values.reserve(static_cast<size_t>(count));
   for (uint16_t i = 0; i < count; ++i) {
     if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
-      logIfFailed(sqlite3_reset(stmt.get()));
+      const int rc = sqlite3_reset(stmt.get());
+      if (rc != SQLITE_OK) op.sqlCode(rc);
       break;
     }
     const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
     values.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
   }
-  logIfFailed(stmt.finalize());
+  const int rc = stmt.finalize();
+  if (rc != SQLITE_OK && !op.failed()) op.sqlCode(rc);
   return values;
 }
 
@@ -389,26 +585,10 @@ unsigned KxDatabase<T>::cacheRow(vecT& rows) {
 
 template <typename T>
 int KxDatabase<T>::writeDeallocateDR(vecT& rows) {
+  kxdb::clearLastError();
   unsigned handed = cacheRow(rows);
   if (handed != 0) writeCachedDRToDisk();
   return static_cast<int>(handed);
-}
-
-template <typename T>
-bool KxDatabase<T>::execLogged(const char* sql) {
-  char* err = nullptr;
-  const bool ok = sqlite3_exec(mDb, sql, nullptr, nullptr, &err) == SQLITE_OK;
-  if (!ok) KXLOGE("KXDB", "sql:ERROR:Dbt=%s info=%s\n", table(), err != nullptr ? err : "");
-  sqlite3_free(err);
-  return ok;
-}
-
-// Runs a transaction statement. A failure is logged and rolled back: after a
-// failed BEGIN the work goes on in autocommit mode, after a failed COMMIT the
-// open transaction is abandoned.
-template <typename T>
-void KxDatabase<T>::transactionStep(const char* sql) {
-  if (!execLogged(sql)) execLogged("ROLLBACK TRANSACTION;");
 }
 
 // Moves the head of the cache, node and all, to the tail of `written`. The
@@ -425,91 +605,173 @@ bool KxDatabase<T>::takeCachedRow(std::list<Row*>& written) {
 
 // Bindings are deliberately not cleared between rows: a skipped parameter
 // keeps the previous row's value. Text and blob are bound without a copy,
-// which is why written rows stay alive until the write-back ends.
+// which is why written rows stay alive until the statements are finalized.
+// A failed bind is not stepped, since the row would be written with the
+// previous row's value in that column.
 template <typename T>
-void KxDatabase<T>::writeRow(Row* row, sqlite3_stmt* insert, sqlite3_stmt* update) {
+typename KxDatabase<T>::RowOutcome KxDatabase<T>::writeRow(Operation& op, Row* row, sqlite3_stmt* insert,
+                                                           sqlite3_stmt* update) {
   sqlite3_stmt* stmt = row->rowid != 0 ? update : insert;
-  if (row->intcol1 != KXDB_INTCOL_UNSET) logIfFailed(sqlite3_bind_int(stmt, 1, row->intcol1));
-  if (!row->appName.empty())
-    logIfFailed(sqlite3_bind_text(stmt, 2, row->appName.data(), static_cast<int>(row->appName.size()), SQLITE_STATIC));
-  if (!row->rsvdName.empty())
-    logIfFailed(sqlite3_bind_text(stmt, 3, row->rsvdName.data(), static_cast<int>(row->rsvdName.size()), SQLITE_STATIC));
-  logIfFailed(sqlite3_bind_blob(stmt, 4, &row->blob, static_cast<int>(sizeof(T)), SQLITE_STATIC));
-  // Rowids are bound 32 bits wide; the tables never grow past 2^31 rows.
-  if (stmt == update) logIfFailed(sqlite3_bind_int(stmt, 5, static_cast<int>(row->rowid)));
-  logIfFailed(sqlite3_step(stmt), SQLITE_DONE);
-  logIfFailed(sqlite3_reset(stmt));
+  int rc = SQLITE_OK;
+  if (row->intcol1 != KXDB_INTCOL_UNSET) rc = sqlite3_bind_int(stmt, 1, row->intcol1);
+  if (rc == SQLITE_OK && !row->appName.empty())
+    rc = sqlite3_bind_text(stmt, 2, row->appName.data(), static_cast<int>(row->appName.size()), SQLITE_STATIC);
+  if (rc == SQLITE_OK && !row->rsvdName.empty())
+    rc = sqlite3_bind_text(stmt, 3, row->rsvdName.data(), static_cast<int>(row->rsvdName.size()), SQLITE_STATIC);
+  if (rc == SQLITE_OK) rc = sqlite3_bind_blob(stmt, 4, &row->blob, static_cast<int>(sizeof(T)), SQLITE_STATIC);
+  // Bound 64 bits wide, unlike the 32-bit binder of old: a rowid past 2^31
+  // (possible in a file written by another program) must not update or
+  // delete another row.
+  if (rc == SQLITE_OK && stmt == update) rc = sqlite3_bind_int64(stmt, 5, row->rowid);
+  if (rc == SQLITE_OK) {
+    rc = sqlite3_step(stmt);
+    // After a failed step the reset repeats the step's error.
+    const int rcReset = sqlite3_reset(stmt);
+    if (rc == SQLITE_DONE) rc = rcReset;
+  }
+  if (rc == SQLITE_OK || rc == SQLITE_DONE) return RowOutcome::kWritten;
+  op.sqlCode(rc);
+  return kxdb::isRowFault(rc) ? RowOutcome::kDropped : RowOutcome::kStoreFault;
 }
 
 // Rows stay alive until every statement that may still point at them (the
 // bindings are kept from row to row) has been finalized.
 template <typename T>
-void KxDatabase<T>::freeWritten(std::list<Row*>& written) {
-  for (Row* row : written) delete row;
-  written.clear();
+void KxDatabase<T>::freeRows(std::list<Row*>& rows) {
+  for (Row* row : rows) delete row;
+  rows.clear();
 }
 
+// Puts rows that were not committed back at the head of the cache, in their
+// order, for the next write-back, and holds the cache to its bound.
+template <typename T>
+void KxDatabase<T>::keepCached(Operation& op, std::list<Row*>& rows) {
+  if (!rows.empty())
+    KXLOGE_AS(op.name(), "KXDB", "ERROR:Dbt=%s %zu rows not written, kept cached\n",
+             table(), rows.size());
+  std::lock_guard<std::mutex> lock(this->mCacheMutex);
+  this->mCacheList.splice(this->mCacheList.begin(), rows);
+  if (this->mCacheList.size() <= kMaxCachedRows) return;
+  const size_t drop = this->mCacheList.size() - kMaxCachedRows;
+  for (size_t i = 0; i < drop; ++i) {
+    delete this->mCacheList.front();
+    this->mCacheList.pop_front();
+  }
+  mDroppedRows += drop;
+  KXLOG_AT(ANDROID_LOG_ERROR, "KXDB", op.name(), __LINE__,
+           "ERROR:Dbt=%s cache full while writes fail: dropped %zu oldest rows, %lu in all\n", table(), drop,
+           mDroppedRows);
+}
+
+// Returns KXDB_FAILURE whenever a row handed to the store was not committed:
+// the transaction could not begin or commit, a row met a fault of the store
+// (lock, full disk, I/O error, damage), or a row broke a constraint of its
+// own. Only such a row is dropped (logged); otherwise every row that was not
+// committed goes back to the cache, so that nothing is lost silently.
 template <typename T>
 kxdbError KxDatabase<T>::writeCachedDRToDisk() {
-  if (mDb == nullptr) return KXDB_SUCCESS;
-  std::list<Row*> written;
-  try {
-    std::lock_guard<std::mutex> writeLock(mWriteMutex);
-    // A failed preparation keeps the cache for the next write-back. Unlike a
-    // leaked statement, the holders also finalize the insert statement when
-    // the update fails to prepare, so the connection can still be closed.
-    SqliteStatement insert, update;
-    if (insert.prepare(mDb, "INSERT INTO " + this->mTableName +
-                                "(intcol1, appName, rsvdName, blob) VALUES (?,?,?,?)") != SQLITE_OK) {
-      KXLOGE("KXDB", "ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return KXDB_FAILURE;
-    }
-    if (update.prepare(mDb, "UPDATE " + this->mTableName + " " +
-                                "SET (intcol1, appName, rsvdName, blob) = (?,?,?,?) WHERE (rowid) = (?)") !=
-        SQLITE_OK) {
-      KXLOGE("KXDB", "ERROR:Dbt=%s info=%s\n", table(), sqlite3_errmsg(mDb));
-      return KXDB_FAILURE;
-    }
-    beginImmediate();
-    while (takeCachedRow(written)) writeRow(written.back(), insert.get(), update.get());
-    commit();
-    int rcUpdate = update.finalize();
-    logIfFailed(rcUpdate);
-    int rcInsert = insert.finalize();
-    logIfFailed(rcInsert);
-    freeWritten(written);
-    return rcUpdate == SQLITE_OK && rcInsert == SQLITE_OK ? KXDB_SUCCESS : KXDB_FAILURE;
-  } catch (const std::exception& e) {
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
-  } catch (...) {
-    KXLOGE("KXDB", "Caught Exception in %s", __func__);
+  Operation op(__func__, this->mTableName, mRefusalLogged);
+  if (mDb != nullptr) return writeBack(op);
+  // Departs from reporting success here: rows that a store which is not
+  // open keeps cached have not been written, and a caller that frees their
+  // source on success would lose them.
+  std::list<Row*> none;
+  {
+    std::lock_guard<std::mutex> lock(this->mCacheMutex);
+    if (this->mCacheList.empty()) return KXDB_SUCCESS;
   }
-  freeWritten(written);
-  return KXDB_SUCCESS;
+  op.record(SQLITE_MISUSE, "database not open");
+  keepCached(op, none);
+  return KXDB_FAILURE;
 }
 
 template <typename T>
+kxdbError KxDatabase<T>::writeBack(Operation& op) {
+  std::list<Row*> written, dropped;
+  kxdbError result = KXDB_FAILURE;
+  try {
+    std::lock_guard<std::mutex> writeLock(mWriteMutex);
+    SqliteStatement insert, update;
+    std::string error;
+    int rc = insert.prepare(mDb, "INSERT INTO " + this->mTableName +
+                                     "(intcol1, appName, rsvdName, blob) VALUES (?,?,?,?)", &error);
+    if (rc == SQLITE_OK)
+      rc = update.prepare(mDb, "UPDATE " + this->mTableName + " " +
+                                   "SET (intcol1, appName, rsvdName, blob) = (?,?,?,?) WHERE (rowid) = (?)", &error);
+    if (rc != SQLITE_OK) {
+      op.info(rc, error.c_str());
+      keepCached(op, written);
+      return KXDB_FAILURE;
+    }
+    // Departs from going on in autocommit mode after a failed BEGIN: rows
+    // written one by one would be half stored and freed although some
+    // failed; they stay cached for the next write-back instead.
+    bool committed = beginWrite(op);
+    while (committed && takeCachedRow(written)) {
+      const RowOutcome outcome = writeRow(op, written.back(), insert.get(), update.get());
+      if (outcome == RowOutcome::kDropped) dropped.splice(dropped.end(), written, std::prev(written.end()));
+      committed = outcome != RowOutcome::kStoreFault;
+    }
+    if (committed) committed = commitWrite(op);
+    else rollbackIfOpen(op);
+    for (SqliteStatement* stmt : {&update, &insert}) {
+      rc = stmt->finalize();
+      if (rc != SQLITE_OK && committed) op.sqlCode(rc);
+    }
+    if (!committed) keepCached(op, written);
+    freeRows(written);
+    result = !op.failed() ? KXDB_SUCCESS : KXDB_FAILURE;
+  } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
+    KXLOGE_AS(op.name(), "KXDB", "Caught exception: %s in %s", e.what(), op.name());
+  } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
+    KXLOGE_AS(op.name(), "KXDB", "Caught Exception in %s", op.name());
+  }
+  // Departs from reporting success after an exception: the rows in hand
+  // were not committed, so they go back to the cache like any others.
+  if (!written.empty()) {
+    rollbackIfOpen(op);
+    keepCached(op, written);
+  }
+  freeRows(dropped);
+  return result;
+}
+
+// Either every given row is deleted, or none is and the rows stay with the
+// caller (the result is then 0).
+template <typename T>
 int KxDatabase<T>::deleteDeallocateDR(vecT& rows) {
+  Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return deallocateDR(rows);
   try {
     std::lock_guard<std::mutex> writeLock(mWriteMutex);
     SqliteStatement stmt;
-    if (!prepareLogged(stmt, "DELETE FROM " + this->mTableName + " " + "WHERE (rowid) = (?)")) return 0;
-    beginImmediate();
+    if (!prepareLogged(op, stmt, "DELETE FROM " + this->mTableName + " " + "WHERE (rowid) = (?)")) return 0;
+    if (!beginWrite(op)) return 0;
     for (Row* row : rows) {
       if (row == nullptr || row->rowid == 0) continue;  // never stored
-      logIfFailed(sqlite3_bind_int(stmt.get(), 1, static_cast<int>(row->rowid)));
-      logIfFailed(sqlite3_step(stmt.get()), SQLITE_DONE);
-      logIfFailed(sqlite3_reset(stmt.get()));
+      // 64 bits wide, as in the write-back.
+      int rc = sqlite3_bind_int64(stmt.get(), 1, row->rowid);
+      if (rc == SQLITE_OK) rc = sqlite3_step(stmt.get());
+      const int rcReset = sqlite3_reset(stmt.get());
+      if (rc == SQLITE_DONE) rc = rcReset;
+      if (rc != SQLITE_OK && rc != SQLITE_DONE) {
+        op.sqlCode(rc);
+        break;
+      }
     }
-    commit();
+    if (op.failed()) rollbackIfOpen(op);
+    else commitWrite(op);
     const int rc = stmt.finalize();
-    logIfFailed(rc);
-    if (rc != SQLITE_OK) return 0;
+    if (rc != SQLITE_OK && !op.failed()) op.sqlCode(rc);
+    if (op.failed()) return 0;
   } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
     return 0;
   } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
     KXLOGE("KXDB", "Error in std::string operations in %s", __func__);
     return 0;
   }

@@ -2,6 +2,8 @@
 // not set errno, so callers that report a failed operation in their own log
 // line print this instead. Per thread, because one store serves several
 // threads and SQLite's own error text belongs to the shared connection.
+// Every store operation that reaches the database clears it on entry, so
+// after a call it is empty exactly when that call succeeded.
 #pragma once
 
 #include <cstdio>

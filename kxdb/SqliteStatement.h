@@ -12,8 +12,16 @@ class SqliteStatement {
   SqliteStatement(const SqliteStatement&) = delete;
   SqliteStatement& operator=(const SqliteStatement&) = delete;
 
-  int prepare(sqlite3* db, const std::string& sql) {
-    return sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size() + 1), &mStmt, nullptr);
+  // On failure `error`, if given, receives SQLite's message. The message
+  // belongs to the connection, which other threads share, so it is copied
+  // under the connection's mutex before another call can replace it.
+  int prepare(sqlite3* db, const std::string& sql, std::string* error = nullptr) {
+    sqlite3_mutex* mutex = sqlite3_db_mutex(db);
+    sqlite3_mutex_enter(mutex);
+    const int rc = sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size() + 1), &mStmt, nullptr);
+    if (rc != SQLITE_OK && error != nullptr) *error = sqlite3_errmsg(db);
+    sqlite3_mutex_leave(mutex);
+    return rc;
   }
   // Finalizes now and reports SQLite's result.
   int finalize() {

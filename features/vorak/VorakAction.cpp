@@ -1,9 +1,12 @@
 #include "VorakAction.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cmath>
 #include <cstring>
 #include <exception>
@@ -19,8 +22,10 @@
 #include "Hidl.h"
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
+#include "VorakAppName.h"
 #include "VorakFeature.h"
 #include "WallClock.h"
+#include "kxdb/KxFailFast.h"
 #include "kxdb/KxLog.h"
 
 namespace {
@@ -33,6 +38,7 @@ constexpr const char* kModelPrefix = "/vendor/etc/kx/vorak/vorak_";
 bool sLaunchHandled = false;
 
 std::atomic<VorakAction::PauseFn> sPause{nullptr};
+std::atomic<VorakAction::PidfdOpenFn> sPidfdOpen{nullptr};
 
 // Background processes, by the host's kill-priority range (oom_score_adj).
 constexpr int kBackgroundMinAdj = 700;
@@ -84,6 +90,70 @@ int toInt(float v) {
 
 // A NUL-terminated text in a fixed-size field, bounded by the field.
 std::string fieldText(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
+
+// Through syscall(): C libraries wrap these only in recent versions, while a
+// kernel without them answers ENOSYS either way.
+int sysPidfdOpen(pid_t pid, unsigned int flags) { return static_cast<int>(syscall(SYS_pidfd_open, pid, flags)); }
+
+int pidfdSendSignal(int fd, int sig) {
+  return static_cast<int>(syscall(SYS_pidfd_send_signal, fd, sig, nullptr, 0));
+}
+
+// Owns a pidfd; a negative one holds nothing.
+class PidFd {
+ public:
+  explicit PidFd(int fd) : mFd(fd) {}
+  ~PidFd() {
+    if (mFd >= 0) close(mFd);
+  }
+  PidFd(const PidFd&) = delete;
+  PidFd& operator=(const PidFd&) = delete;
+  int get() const { return mFd; }
+
+ private:
+  int mFd;
+};
+
+struct KillResult {
+  enum Outcome { kKilled, kGone, kReplaced, kFailed } outcome;
+  int error = 0;           // errno, for kFailed
+  uint64_t startTime = 0;  // the pid's process now, for kReplaced
+};
+
+// SIGKILL to `pid` only while it is the process that was listed: once that
+// process has exited, its pid may have been handed to another. The pidfd
+// pins the process whose start time is then compared, so no reuse can slip
+// in between the check and the signal. Without pidfds (old kernels,
+// qemu-user) the check is still made, and only that short gap stays open.
+KillResult killIfListed(int pid, uint64_t listedStart) {
+  const VorakAction::PidfdOpenFn open = sPidfdOpen.load();
+  const PidFd fd(open != nullptr ? open(pid, 0) : sysPidfdOpen(pid, 0));
+  if (fd.get() < 0 && errno != ENOSYS) {
+    return errno == ESRCH ? KillResult{KillResult::kGone} : KillResult{KillResult::kFailed, errno};
+  }
+  const std::optional<uint64_t> now = StatsProvider::getPIDStartTime(pid);
+  if (!now) return {KillResult::kGone};
+  if (*now != listedStart) return {KillResult::kReplaced, 0, *now};
+  const int rc = fd.get() >= 0 ? pidfdSendSignal(fd.get(), SIGKILL) : kill(pid, SIGKILL);
+  return rc == 0 ? KillResult{KillResult::kKilled} : KillResult{KillResult::kFailed, errno};
+}
+
+bool byPid(const PIDStats& a, const PIDStats& b) { return a.pid < b.pid; }
+
+std::string_view commOf(const PIDStats& p) { return std::string_view(p.comm, strnlen(p.comm, sizeof(p.comm))); }
+
+// Whether a process name as the kernel keeps it belongs to `app`. Android
+// names an app's processes after its package, the others "package:suffix",
+// and `comm` keeps at most their last 15 characters: a shorter one is the
+// whole name, a cut one shows the tail of the package before any ':'. A
+// name cut within its suffix shows no package and is not recognised.
+bool namedAfter(std::string_view comm, std::string_view app) {
+  constexpr size_t kCommChars = sizeof(PIDStats::comm) - 1;
+  const std::string_view package = comm.substr(0, comm.find(':'));
+  if (comm.size() < kCommChars) return package == app;
+  return !package.empty() && package.size() <= app.size() &&
+         app.substr(app.size() - package.size()) == package;
+}
 
 template <typename T>
 void release(KxDatabase<T>* db, typename KxDBDataTable<T>::vecT& rows) {
@@ -178,6 +248,8 @@ bool VorakAction::traceOn() const { return mFeature.isTraceVorak(); }
 
 void VorakAction::setPause(PauseFn fn) { sPause.store(fn); }
 
+void VorakAction::setPidfdOpen(PidfdOpenFn fn) { sPidfdOpen.store(fn); }
+
 void VorakAction::clearAllMaps() {
   mBackgroundList.clear();
   mFavoriteList.clear();
@@ -194,8 +266,18 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
     return;
   }
   if (payload.hintID != static_cast<int32_t>(kLaunchHint) || payload.hintType != kLaunchHintType) return;
+  // A name that cannot be a package would key no row or every row: such a
+  // launch is refused before it can spend the one kill pass. The name is
+  // not printed, it may be what breaks the log.
+  if (const char* problem = vorak::appNameProblem(payload.appName)) {
+    KXLOGW("VorakAction", "Launch hint ignored: invalid app name (%s)", problem);
+    return;
+  }
   if (sLaunchHandled) return;
   sLaunchHandled = true;
+  // The launch must not wait on a table that another thread or process has
+  // locked: a read that fails finds no learnt row, and nothing is killed.
+  kxdb::FailFastScope failFast;
 
   // With nothing learnt about the user yet, let the host seed the favourites.
   if (mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
@@ -216,6 +298,7 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
 
   float freed = 0;
   if (amount > 0) {
+    spareLaunchingApp(appName);
     freed = vorak(amount);
     mSurplus = checkAndDiff(freed, amount);
   } else {
@@ -266,8 +349,14 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
     const int pid = it->second;
 
     // A pid of 0 or below would address a process group, never one process.
-    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && getpgid(pid) != -1) {
-      if (kill(pid, SIGKILL) == 0) {
+    const PIDStats* seen = listed(pid);
+    if (pid > 0 && !(spareProtected && mProtectedPids.count(pid) != 0) && seen != nullptr && getpgid(pid) != -1) {
+      // Departure from a plain kill after getpgid: the pid must still name
+      // the process that was listed (same start time), as it may have been
+      // reused since the preparation hint. A mismatch is spared, logged,
+      // and frees nothing.
+      const KillResult r = killIfListed(pid, seen->startTime);
+      if (r.outcome == KillResult::kKilled) {
         if (phase == nullptr) {
           KXLOGE("VorakAction", "Killed PID = %d, to Free Memory = %ld KB", pid, memKB);
         } else {
@@ -276,8 +365,11 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
         remaining = checkAndDiff(remaining, static_cast<float>(memKB));
         freed = checkOverflowAndAdd(freed, memKB);
         ++kills;
-      } else if (phase != nullptr || traceOn()) {
-        KXLOGE("VorakAction", "Couldnt kill the PID = %d. Error = %s", pid, strerror(errno));
+      } else if (r.outcome == KillResult::kReplaced) {
+        KXLOGE("VorakAction", "Spared PID = %d: not the process listed (started at %" PRIu64 ", listed %" PRIu64 ")",
+               pid, r.startTime, seen->startTime);
+      } else if (r.outcome == KillResult::kFailed && (phase != nullptr || traceOn())) {
+        KXLOGE("VorakAction", "Couldnt kill the PID = %d. Error = %s", pid, strerror(r.error));
       }
     }
     list.erase(it);
@@ -486,10 +578,12 @@ void VorakAction::generateTaskList() {
 
   // Killing a process frees about its file, anonymous-plus-swap and
   // graphics memory together.
-  for (const PIDStats& p : StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj)) {
+  mListed = StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj);
+  for (const PIDStats& p : mListed) {
     const long key = static_cast<long>(checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
     mBackgroundByPid.emplace(p.pid, mBackgroundList.emplace(key, p.pid));
   }
+  if (!std::is_sorted(mListed.begin(), mListed.end(), byPid)) std::sort(mListed.begin(), mListed.end(), byPid);
 
   // Favourites of the current slot go last among the background processes.
   std::string slot;
@@ -536,6 +630,36 @@ void VorakAction::generateTaskList() {
   }
   release(mStartProcDb, users);
   mBackgroundByPid.clear();
+}
+
+// Departure from the plain kill order: the launching app's own processes (an
+// earlier instance, its ":suffix" processes) are never victims, for the first
+// pass nor the service pass; killing them turns the warm start the host is
+// attempting into a cold one. They are known by the pids the user-launched
+// tables hold for the app and by their process names.
+void VorakAction::spareLaunchingApp(const std::string& appName) {
+  std::vector<int> own;
+  for (KxDatabase<_vorak_User_Launched_Data>* db : {mUserDb, mStartProcDb, mFavPidDb}) {
+    auto rows = readRows(db, appName);
+    for (const auto* row : rows) {
+      if (row != nullptr) own.push_back(row->blob.value);
+    }
+    release(db, rows);
+  }
+  auto isOwn = [&](int pid) {
+    if (std::find(own.begin(), own.end(), pid) != own.end()) return true;
+    const PIDStats* seen = listed(pid);
+    return seen != nullptr && namedAfter(commOf(*seen), appName);
+  };
+  for (CandidateList* list : {&mBackgroundList, &mFavoriteList, &mUserLaunchedList}) {
+    for (auto it = list->begin(); it != list->end();) it = isOwn(it->second) ? list->erase(it) : std::next(it);
+  }
+}
+
+const PIDStats* VorakAction::listed(int pid) const {
+  const auto it = std::lower_bound(mListed.begin(), mListed.end(), pid,
+                                   [](const PIDStats& p, int wanted) { return p.pid < wanted; });
+  return it != mListed.end() && it->pid == pid ? &*it : nullptr;
 }
 
 void VorakAction::getAllServices() {

@@ -12,9 +12,11 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "AsyncTriggerPayload.h"
 #include "MemPerfd.h"
+#include "StatsProvider.h"
 #include "VorakCheckedArithmetic.h"
 #include "VorakFeatureNames.h"
 #include "kxdb/KxDatabase.h"
@@ -77,6 +79,11 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   // usleep(). The slot key reads the host's wall clock.
   using PauseFn = int (*)(useconds_t);
   static void setPause(PauseFn fn);
+  // Kill seam, process-wide: how a victim is pinned before the signal. Null
+  // restores the pidfd_open system call; a function failing with ENOSYS
+  // stands for a kernel (or an emulator) without pidfds.
+  using PidfdOpenFn = int (*)(pid_t pid, unsigned int flags);
+  static void setPidfdOpen(PidfdOpenFn fn);
 
   // Read-only views for diagnostics and tests.
   using CandidateList = std::multimap<long, int>;
@@ -97,6 +104,10 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   // One phase of the kill loop over `list`; `what` is the kill report.
   void killFrom(CandidateList& list, bool spareProtected, const char* phase, float& remaining,
                 float& freed, int& kills);
+  // Takes the launching app's own processes out of the candidate lists.
+  void spareLaunchingApp(const std::string& appName);
+  // The record of `pid` as generateTaskList found it; null when not listed.
+  const PIDStats* listed(int pid) const;
 
   KxDatabase<_vorak_Feature_Action_Data>* mActionDb = nullptr;
   KxDatabase<_vorak_User_Launched_Data>* mUserDb;
@@ -117,6 +128,9 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   std::unordered_map<int, CandidateList::iterator> mBackgroundByPid;
   CandidateList mFavoriteList;
   CandidateList mUserLaunchedList;
+  // Every candidate of the three lists as generateTaskList found it (start
+  // time and name), sorted by pid: the host's list is kept as it came.
+  std::vector<PIDStats> mListed;
   std::unordered_set<std::string> mAppServiceNames;
   std::unordered_set<int> mAppServicePids;
   std::unordered_set<int> mProtectedPids;

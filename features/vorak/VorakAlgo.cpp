@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <vector>
 
 #include "FetchPreferredApps.h"
 #include "VorakFeature.h"
+#include "VorakLog.h"
 #include "VorakRowGuard.h"
-#include "kxdb/KxLog.h"
+#include "kxdb/KxLastError.h"
 
 namespace {
 
@@ -111,6 +113,9 @@ bool VorakAlgo::learnPerApp(std::string& name) {
     return true;
   }
 
+  // The metering thread adds samples while learning runs: from counting to
+  // deleting, the name's samples must stay the ones averaged.
+  std::lock_guard<std::mutex> samplesLock(mFeature.samplesMutex());
   KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
   const int64_t count = mMeterDb->getCountDR(key);
   if (count < 1) return true;
@@ -134,10 +139,16 @@ bool VorakAlgo::learnPerApp(std::string& name) {
   return true;
 }
 
+// Only a committed row counts as stored: the caller deletes the samples it
+// was learnt from. A row whose write-back failed stays in the table's cache
+// for the next write-back, which is why rows still pending are written
+// before the name's rows are read: a cached row is invisible to the read,
+// and a retry would otherwise add a second row for the name.
 bool VorakAlgo::writeToActionDataBase(std::string& name, long ionKgsl, long rssSwap) {
+  if (!writePending(name)) return false;
   KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-  VorakRowGuard<_vorak_Feature_Action_Data> learnt(mActionDb,
-                                                   mActionDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+  VorakRowGuard<_vorak_Feature_Action_Data> learnt(
+      mActionDb, mActionDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
   auto& rows = learnt.rows();
 
   if (rows.empty()) {
@@ -154,15 +165,15 @@ bool VorakAlgo::writeToActionDataBase(std::string& name, long ionKgsl, long rssS
     row->appName = name;
     row->blob.ionKgsl = ionKgsl;
     row->blob.rssSwap = rssSwap;
-    mActionDb->writeDeallocateDR(fresh.rows());
-    return true;
+    mActionDb->cacheRow(fresh.rows());
+    return writePending(name);
   }
 
   if (rows.size() == 1 && rows.front() != nullptr) {
     rows.front()->blob.ionKgsl = ionKgsl;
     rows.front()->blob.rssSwap = rssSwap;
-    mActionDb->writeDeallocateDR(rows);  // an update by rowid
-    return true;
+    mActionDb->cacheRow(rows);  // an update by rowid
+    return writePending(name);
   }
 
   // Which of several rows would be right is unknown: leave them all as they are.
@@ -170,6 +181,15 @@ bool VorakAlgo::writeToActionDataBase(std::string& name, long ionKgsl, long rssS
   mFeatureState.writeState(name, APP_STATE_LEARN_FAILED);
   KXLOGE(kTag, "could not update database as multiple entries for an %s present hence setting state to %d \n",
          name.c_str(), static_cast<int>(mFeatureState.readState(name)));
+  return false;
+}
+
+// Writes the rows cached in the learnt table. A failure is transient (a lock
+// held elsewhere, a full disk): the name keeps its state and its samples.
+bool VorakAlgo::writePending(const std::string& name) {
+  if (mActionDb->KxDatabaseWriteCachedToDisk() == KXDB_SUCCESS) return true;
+  const char* reason = *kxdb::lastError() != '\0' ? kxdb::lastError() : "write-back failed";
+  VORAK_LOGE_IN(kTag, "writeToActionDataBase", "could not store the learnt row of %s: %s", name.c_str(), reason);
   return false;
 }
 

@@ -47,6 +47,7 @@ class VorakAlgo : public Algo {
 
  private:
   bool traceOn() const;
+  bool writePending(const std::string& name);
 
   FeatureState& mFeatureState;
   KxDatabase<_vorak_Meter_Data>* mMeterDb;

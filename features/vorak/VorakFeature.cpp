@@ -15,19 +15,20 @@
 #include "Vorak.pb.h"
 #include "VorakAction.h"
 #include "VorakAlgo.h"
+#include "VorakAppName.h"
+#include "VorakLog.h"
+#include "VorakLoggedName.h"
 #include "VorakMetaMeter.h"
+#include "VorakRowGuard.h"
+#include "kxdb/KxLastError.h"
 #include "kxdb/KxLog.h"
 
 namespace {
 
 constexpr const char* kModule = "VorakFeature";
 
-// Lines written by a helper that this file splits out of a larger operation
-// carry the operation's name, so the log reads as one operation.
-#define VLOGE_IN(func, fmt, ...) \
-  __android_log_print(ANDROID_LOG_ERROR, KX_LOG_TAG, "%s: %s() %d: " fmt, kModule, func, __LINE__, ##__VA_ARGS__)
-#define VLOGW_IN(func, fmt, ...) \
-  __android_log_print(ANDROID_LOG_WARN, KX_LOG_TAG, "%s: %s() %d: " fmt, kModule, func, __LINE__, ##__VA_ARGS__)
+#define VLOGE_IN(func, fmt, ...) VORAK_LOGE_IN(kModule, func, fmt, ##__VA_ARGS__)
+#define VLOGW_IN(func, fmt, ...) VORAK_LOGW_IN(kModule, func, fmt, ##__VA_ARGS__)
 
 constexpr const char* kCtor = "VorakFeature";
 constexpr const char* kWorker = "dbOperations";
@@ -58,14 +59,20 @@ std::string modelFileFor(uint64_t memTotalKB) {
   return "";
 }
 
-// strerror() may share a buffer between threads; the worker and the host's
-// thread both report errno.
+// strerror() may share a buffer between threads, and features are created
+// on whichever host thread asks.
 std::string errnoText() {
   char buffer[128];
   return strerror_r(errno, buffer, sizeof(buffer));
 }
 
 bool isLaunchCompletion(int32_t hintType) { return hintType == kLaunchDoneA || hintType == kLaunchDoneB; }
+
+// The triggers that change an app's rows or state, which their name selects.
+bool actsOnApp(int32_t hintID) {
+  return hintID == kHintPrepare || hintID == kHintMeter || hintID == kHintLaunch || hintID == kHintForget ||
+         hintID == kHintRemoved;
+}
 
 bool isWorkerTrigger(const AsyncTriggerPayload& p) {
   if (p.hintID == kHintPrepare || p.hintID == kHintRemoved) return true;
@@ -82,6 +89,49 @@ template <typename T>
 void deleteTable(KxDatabase<T>*& table) {
   delete table;
   table = nullptr;
+}
+
+// Why the last table operation on this thread failed: the worker's failure
+// lines print it, since a failed store call leaves errno as it was.
+thread_local std::string tTableError;
+
+int tableFailure(std::string reason) {
+  tTableError = std::move(reason);
+  return -1;
+}
+
+// A failed store call, in the store's own words when it recorded them.
+int storeFailure(const char* what) { return tableFailure(*kxdb::lastError() != '\0' ? kxdb::lastError() : what); }
+
+using UserRows = VorakRowGuard<_vorak_User_Launched_Data>;
+
+// Reads the app's rows; false when the store failed, so that a failed read
+// is never taken for an app without rows.
+bool readAppRows(VorakFeature::UserDb* db, KxDBDataRowKey& key, UserRows::Rows& rows) {
+  kxdb::clearLastError();
+  rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  return *kxdb::lastError() == '\0';
+}
+
+// Hands the rows to the store and writes them: -1 unless they are committed.
+int writeBack(VorakFeature::UserDb* db, UserRows& rows) {
+  db->cacheRow(rows.rows());
+  return db->KxDatabaseWriteCachedToDisk() == KXDB_SUCCESS ? 0 : storeFailure("write-back failed");
+}
+
+// Deletes the rows from the store: false unless the deletion went through.
+bool deleteRows(VorakFeature::UserDb* db, UserRows& rows) {
+  kxdb::clearLastError();
+  db->deleteDeallocateDR(rows.rows());
+  if (*kxdb::lastError() == '\0' && rows.rows().empty()) return true;
+  storeFailure("deletion failed");
+  return false;
+}
+
+int duplicated(const char* operation, const std::string& appName, const char* dbName) {
+  VLOGE_IN(operation, "There is some problem with App = (%s) as it has > 1 entries in %s DB.", appName.c_str(),
+           dbName);
+  return tableFailure(std::string("more than one row of the app in ") + dbName + " DB");
 }
 
 }  // namespace
@@ -166,7 +216,8 @@ void VorakFeature::createComponents(float safeload) {
   const char* name = mFeatureName.c_str();
 
   if (mVorakDb != nullptr && mServiceInDb != nullptr)
-    mMetaMeter = new (std::nothrow) VorakMetaMeter(mFeatureInfo, mVorakDb, mFeatureState, mServiceInDb);
+    mMetaMeter =
+        new (std::nothrow) VorakMetaMeter(mFeatureInfo, mVorakDb, mFeatureState, mServiceInDb, &mSamplesMutex);
   if (mMetaMeter == nullptr)
     VLOGE_IN(kCtor, "No MetaMeter for (%s : %p). Error in input DB Creation or ServiceIP DB Creation", name,
              static_cast<void*>(this));
@@ -299,6 +350,7 @@ void VorakFeature::runAsync(AsyncTriggerPayload payload) {
   // at most one launch. " " until a launch is seen and after each pairing.
   static std::string sPendingLaunchApp = " ";
   try {
+    if (refusesAppName(payload)) return;
     if (isWorkerTrigger(payload)) mTriggerQ.push(PayloadInfo::fromTrigger(payload));
     if (mMetaMeter == nullptr) {
       KXLOGE(kModule, "No MetaMeter");
@@ -325,6 +377,22 @@ void VorakFeature::runAsync(AsyncTriggerPayload payload) {
   }
 }
 
+// Deliberately stricter than passing every trigger on: a trigger that acts
+// on an app whose name cannot be a key of the app's rows (an empty name
+// selects every row of a table) is refused whole, before it is queued,
+// sampled or made to forget anything. A name of blanks only is a key like
+// any other and passes: a launch of " " leaves the pending-launch slot as
+// it is with nothing pending, and its completion, which contains a blank,
+// pairs with it all the same.
+bool VorakFeature::refusesAppName(const AsyncTriggerPayload& payload) {
+  if (!actsOnApp(payload.hintID)) return false;
+  const char* problem = vorak::appNameProblem(payload.appName);
+  if (problem == nullptr) return false;
+  VLOGW_IN("runAsync", "Refused hint %d type %d for app \"%s\": %s", payload.hintID, payload.hintType,
+           vorak::loggedName(payload.appName).c_str(), problem);
+  return true;
+}
+
 bool VorakFeature::needsLearning(AsyncTriggerPayload payload) {
   const AppState state = mFeatureState.readState(payload.appName);
   if (payload.hintID != kHintForget) return state == APP_STATE_COLLECTING || state == APP_STATE_LEARNT;
@@ -340,6 +408,7 @@ bool VorakFeature::needsLearning(AsyncTriggerPayload payload) {
 
 void VorakFeature::forgetMeterSamples(const std::string& appName) {
   if (mVorakDb == nullptr) return;
+  std::lock_guard<std::mutex> samplesLock(mSamplesMutex);
   KxDBDataRowKey key(appName, 0);
   auto rows = mVorakDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
   if (!rows.empty()) mVorakDb->deleteAllDR(key);
@@ -369,77 +438,72 @@ void VorakFeature::dbOperations() {
   }
 }
 
-// One queued trigger against the user tables; a failed step is reported and
-// the next step still runs. Caller holds mWorkMutex.
+// One queued trigger against the user tables; a failed step is reported
+// with the reason its operation recorded, and the next step still runs.
+// Caller holds mWorkMutex. Items that outlive the tables (the feature is
+// being destroyed) have nothing left to update and are dropped unreported.
 void VorakFeature::applyToUserTables(AsyncTriggerPayload& t) {
+  if (mUserDb == nullptr && mStartProcDb == nullptr && mFavPidDb == nullptr) return;
   if (t.hintID == kHintPrepare) {
     if (updatePIDInDB(mUserDb, t.appName, t.pid, "User") < 0)
-      VLOGE_IN(kWorker, "Couldnt Update PID in User DB. Err = %s", errnoText().c_str());
+      VLOGE_IN(kWorker, "Couldnt Update PID in User DB. Err = %s", tTableError.c_str());
   } else if (t.hintID == kHintLaunch && isLaunchCompletion(t.hintType)) {
     if (updateFavDB(mFavPidDb, t.appName, t.pid, "FavoritePID") < 0)
-      VLOGE_IN(kWorker, "Couldnt Update PID in Fav PID DB. Err = %s", errnoText().c_str());
+      VLOGE_IN(kWorker, "Couldnt Update PID in Fav PID DB. Err = %s", tTableError.c_str());
     if (updatePIDInDB(mStartProcDb, t.appName, t.pid, "StartProc") < 0)
-      VLOGE_IN(kWorker, "Couldnt Update PID in StartProc DB. Err = %s", errnoText().c_str());
+      VLOGE_IN(kWorker, "Couldnt Update PID in StartProc DB. Err = %s", tTableError.c_str());
   } else if (t.hintID == kHintRemoved) {
     if (updateFavDB(mFavPidDb, t.appName, -1, "FavoritePID") < 0)
-      VLOGE_IN(kWorker, "Couldnt update favoriteDb. Err = %s", errnoText().c_str());
+      VLOGE_IN(kWorker, "Couldnt update favoriteDb. Err = %s", tTableError.c_str());
     if (deleteAppFromDB(mUserDb, t.appName, "User") < 0)
-      VLOGE_IN(kWorker, "Couldnt deleteApp from User DB. Err = %s", errnoText().c_str());
+      VLOGE_IN(kWorker, "Couldnt deleteApp from User DB. Err = %s", tTableError.c_str());
     if (deleteAppFromDB(mStartProcDb, t.appName, "StartProc") < 0)
-      VLOGE_IN(kWorker, "Couldnt deleteApp from Start Proc DB. Err = %s", errnoText().c_str());
+      VLOGE_IN(kWorker, "Couldnt deleteApp from Start Proc DB. Err = %s", tTableError.c_str());
   }
 }
 
 // Creates the app's row or changes its pid; duplicates are reported and left.
 int VorakFeature::updatePIDInDB(UserDb* db, std::string& appName, int pid, const char* dbName) {
-  if (db == nullptr || dbName == nullptr) return -1;
+  if (db == nullptr || dbName == nullptr) return tableFailure("no table");
   KxDBDataRowKey key(appName, 0);
-  auto rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  if (rows.size() > 1) {
-    KXLOGE(kModule, "There is some problem with App = (%s) as it has > 1 entries in %s DB.", appName.c_str(), dbName);
-    db->deallocateDR(rows);
-    return -1;
-  }
-  if (rows.empty()) {
-    rows = db->allocateDR(1);
-    if (rows.empty()) return -1;
-    rows[0]->appName = appName;
-  } else if (rows[0]->blob.value == pid) {
-    db->deallocateDR(rows);
+  UserRows rows(db, {});
+  if (!readAppRows(db, key, rows.rows())) return storeFailure("read failed");
+  if (rows.rows().size() > 1) return duplicated(__func__, appName, dbName);
+  if (rows.rows().empty()) {
+    rows.rows() = db->allocateDR(1);
+    if (rows.rows().empty()) return tableFailure("no row could be allocated");
+    rows.rows()[0]->appName = appName;
+  } else if (rows.rows()[0]->blob.value == pid) {
     return 0;
   }
-  rows[0]->blob.value = pid;
-  db->writeDeallocateDR(rows);
-  return 0;
+  rows.rows()[0]->blob.value = pid;
+  return writeBack(db, rows);
 }
 
 // Sets the pid of an app that has a row; duplicates are reported and removed.
 int VorakFeature::updateFavDB(UserDb* db, std::string& appName, int pid, const char* dbName) {
-  if (db == nullptr || dbName == nullptr) return -1;
+  if (db == nullptr || dbName == nullptr) return tableFailure("no table");
   KxDBDataRowKey key(appName, 0);
-  auto rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  if (rows.empty()) return 0;
-  if (rows.size() > 1) {
-    KXLOGE(kModule, "There is some problem with App = (%s) as it has > 1 entries in %s DB.", appName.c_str(), dbName);
-    db->deleteDeallocateDR(rows);
-    return -1;
+  UserRows rows(db, {});
+  if (!readAppRows(db, key, rows.rows())) return storeFailure("read failed");
+  if (rows.rows().empty()) return 0;
+  if (rows.rows().size() > 1) {
+    const int rc = duplicated(__func__, appName, dbName);
+    return deleteRows(db, rows) ? rc : -1;
   }
-  rows[0]->blob.value = pid;
-  db->writeDeallocateDR(rows);
-  return 0;
+  rows.rows()[0]->blob.value = pid;
+  return writeBack(db, rows);
 }
 
 // Removes the app's row; duplicates are reported and removed as well.
 int VorakFeature::deleteAppFromDB(UserDb* db, std::string& appName, const char* dbName) {
-  if (db == nullptr || dbName == nullptr) return -1;
+  if (db == nullptr || dbName == nullptr) return tableFailure("no table");
   KxDBDataRowKey key(appName, 0);
-  auto rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  if (rows.empty()) return 0;
-  const bool duplicated = rows.size() > 1;
-  if (duplicated)
-    KXLOGE(kModule, "There is some problem with App = (%s) as it has > 1 entries in %s DB.", appName.c_str(), dbName);
-  db->deleteDeallocateDR(rows);
-  return duplicated ? -1 : 0;
+  UserRows rows(db, {});
+  if (!readAppRows(db, key, rows.rows())) return storeFailure("read failed");
+  if (rows.rows().empty()) return 0;
+  const int rc = rows.rows().size() > 1 ? duplicated(__func__, appName, dbName) : 0;
+  return deleteRows(db, rows) ? rc : -1;
 }
 
 // ---------------------------------------------------------------------------

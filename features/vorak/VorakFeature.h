@@ -52,6 +52,9 @@ class VorakFeature : public Feature {
 
   // The feature's trace switch, read by the components to gate trace lines.
   bool isTraceVorak() const { return mTraceVorak; }
+  // Held by whoever writes or deletes meter samples, and by learning from
+  // counting a name's samples to deleting them (see mSamplesMutex).
+  std::mutex& samplesMutex() { return mSamplesMutex; }
 
  private:
   friend class VorakFeatureTestPeer;
@@ -67,6 +70,7 @@ class VorakFeature : public Feature {
   void stopWorker();
   template <typename T>
   int createTable(KxDatabase<T>*& table, const std::string& fileName);
+  bool refusesAppName(const AsyncTriggerPayload& payload);
   void applyToUserTables(AsyncTriggerPayload& trigger);
   void forgetMeterSamples(const std::string& appName);
 
@@ -91,4 +95,11 @@ class VorakFeature : public Feature {
   // for the whole of one item, so the destructor, which deletes the tables
   // under it, waits for the item in progress, and later items see null tables.
   std::mutex mWorkMutex;
+  // Guards the meter table's rows of a name while learning averages and
+  // deletes them: the learning thread holds it from counting a name's
+  // samples to deleting them, the metering thread around each sample's
+  // write and a forget trigger around its deletion, so no sample comes or
+  // goes in between to be averaged wrongly or deleted unaveraged. The launch
+  // path never takes it.
+  std::mutex mSamplesMutex;
 };

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,8 +24,10 @@ class VorakMetaMeter : public MetaMeter {
   static constexpr size_t kServiceSlotSize = 256;
 
   // The tables are borrowed from the feature and must outlive this object.
+  // `samplesMutex`, when given, is held around every sample's write: learning
+  // holds it while it averages and deletes a name's samples.
   VorakMetaMeter(const FeatureInfo& info, KxDatabase<_vorak_Meter_Data>* meterDb, FeatureState& state,
-                 KxDatabase<_vorak_App_Service_In>* serviceInDb);
+                 KxDatabase<_vorak_App_Service_In>* serviceInDb, std::mutex* samplesMutex = nullptr);
   ~VorakMetaMeter() override;
 
   VorakMetaMeter(const VorakMetaMeter&) = delete;
@@ -53,6 +57,11 @@ class VorakMetaMeter : public MetaMeter {
   void convertToCharArray(std::vector<std::string> names, char (*slots)[kServiceSlotSize]);
 
  private:
+  bool recordLaunchSample(std::string& app);
+  void recordServices(std::string& app);
+  std::vector<std::string> acceptedServices(std::string& app);
+  void writeSample(KxDBDataTable<_vorak_Meter_Data>::vecT& rows);
+
   KxDatabase<_vorak_Meter_Data>* mVorakDb;
   KxDatabase<_vorak_App_Service_In>* mAppServiceInDb;
   uint32_t mVorakMeterSamples = 0;
@@ -61,4 +70,8 @@ class VorakMetaMeter : public MetaMeter {
   std::vector<Field*> mStartProcMmFields;
   // Launch record of the last accepted meter that carried one.
   AsyncTriggerPayload mLaunchPayload;
+  // App of the trigger that the last accepted meter was sampled for; none
+  // when the meter named no trigger.
+  std::optional<std::string> mSampledApp;
+  std::mutex* mSamplesMutex;  // borrowed from the feature; may be null
 };

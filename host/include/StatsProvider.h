@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 // System-wide memory statistics, all figures in KB. The order of the fields
@@ -46,6 +47,10 @@ struct PIDStats {
   uint64_t rssAnonSwapKB;
   char comm[16];  // process name as the kernel keeps it (NUL-terminated)
   uint64_t gpuKB;
+  // Clock ticks after boot at which the process started. A pid is reused
+  // once its process has gone; pid and start time together name one process.
+  // Sources that cannot tell leave it 0.
+  uint64_t startTime = 0;
 };
 
 namespace kxhost {
@@ -60,6 +65,17 @@ class StatsSource {
   virtual PIDStats pidStats(int pid) = 0;
   // Every process whose oom_score_adj lies in [minAdj, maxAdj].
   virtual std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) = 0;
+  // The start time of `pid` alone, nullopt when the process is unknown: the
+  // check, just before a signal, that a pid still names the process listed
+  // earlier. By default taken from pidStats(); sources that can read it on
+  // its own (one file instead of three) override it. Inline, so that a
+  // source built without the host library (the simulator's) links.
+  virtual std::optional<uint64_t> startTime(int pid) {
+    if (pid <= 0) return std::nullopt;  // -1 is the "unknown" record's pid
+    const PIDStats stats = pidStats(pid);
+    if (stats.pid != pid) return std::nullopt;
+    return stats.startTime;
+  }
 };
 
 // Installs the process-wide source; null restores the /proc reader.
@@ -72,4 +88,5 @@ class StatsProvider {
   static SysStats getSysStats();
   static PIDStats getPIDStats(int pid);
   static std::vector<PIDStats> getPIDStatsRange(int minOomScoreAdj, int maxOomScoreAdj);
+  static std::optional<uint64_t> getPIDStartTime(int pid);
 };

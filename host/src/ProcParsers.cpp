@@ -236,6 +236,25 @@ bool parseProcStatus(const std::string& text, ProcStatus* out, std::string* erro
   return errors.ok();
 }
 
+// "pid (comm) state ppid ...": the name may hold blanks and parentheses, so
+// the fields are counted from the last ')'. Field 3 (state) is the first
+// word after it, field 22 the twentieth.
+bool parseProcStatStartTime(const std::string& text, uint64_t* out, std::string* error) {
+  FirstError errors(error);
+  size_t close = text.rfind(')');
+  if (close == std::string::npos) {
+    errors.note(1, "no ')' after the process name");
+    return errors.ok();
+  }
+  std::vector<std::string_view> words = splitWords(trim(std::string_view(text).substr(close + 1)));
+  if (words.size() < 20) {
+    errors.note(1, "expected at least 22 fields, got " + std::to_string(words.size() + 2));
+  } else if (!parseNumber(words[19], out)) {
+    errors.note(1, "start time is not a number: " + quoted(words[19]));
+  }
+  return errors.ok();
+}
+
 bool parseSingleInt(const std::string& text, int64_t* out, std::string* error) {
   FirstError errors(error);
   if (!parseNumber(trim(text), out)) errors.note(1, "expected one integer, got " + quoted(trim(text)));

@@ -60,6 +60,10 @@ bool parseMeminfo(const std::string& text, MemInfo* out, std::string* error);
 bool parseZoneinfo(const std::string& text, ZoneInfo* out, std::string* error);
 bool parseZramMmStat(const std::string& text, ZramStat* out, std::string* error);
 bool parseProcStatus(const std::string& text, ProcStatus* out, std::string* error);
+// /proc/<pid>/stat: the process's start time (field 22, clock ticks after
+// boot). With the pid, it names one process for the life of the system,
+// where the pid alone is reused once the process has gone.
+bool parseProcStatStartTime(const std::string& text, uint64_t* out, std::string* error);
 
 // A file holding one decimal number, such as oom_score_adj or zram's disksize.
 bool parseSingleInt(const std::string& text, int64_t* out, std::string* error);

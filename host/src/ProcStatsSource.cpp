@@ -42,6 +42,21 @@ T load(const std::string& path, bool (*parse)(const std::string&, T*, std::strin
   return value;
 }
 
+// A process's file: null when it is gone or malformed (then logged), since a
+// half-read process is not worth reporting.
+template <typename T>
+std::optional<T> loadProcessFile(const std::string& path, bool (*parse)(const std::string&, T*, std::string*)) {
+  std::optional<std::string> text = readFile(path);
+  if (!text) return std::nullopt;
+  T value{};
+  std::string error;
+  if (!parse(*text, &value, &error)) {
+    logError(path, error);
+    return std::nullopt;
+  }
+  return value;
+}
+
 bool pidFromName(const std::string& name, int* pid) {
   auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), *pid);
   return ec == std::errc() && end == name.data() + name.size() && *pid > 0;
@@ -96,15 +111,12 @@ SysStats ProcStatsSource::sysStats() {
 }
 
 PIDStats ProcStatsSource::pidStats(int pid) {
-  PIDStats stats{};
   std::optional<int> adj = readOomScoreAdj(pid);
-  if (!adj || !readStatus(pid, &stats)) {
-    stats.pid = -1;
-    return stats;
-  }
-  stats.pid = pid;
-  stats.oomScoreAdj = *adj;
-  return stats;
+  std::optional<PIDStats> stats = adj ? readProcess(pid, *adj) : std::nullopt;
+  if (stats) return *stats;
+  PIDStats unknown{};
+  unknown.pid = -1;
+  return unknown;
 }
 
 // Processes come and go while the directory is walked; one that has gone
@@ -119,15 +131,13 @@ std::vector<PIDStats> ProcStatsSource::pidStatsRange(int minAdj, int maxAdj) {
     if (!pidFromName(it->path().filename().string(), &pid)) continue;
     std::optional<int> adj = readOomScoreAdj(pid);
     if (!adj || *adj < minAdj || *adj > maxAdj) continue;
-    PIDStats stats{};
-    if (!readStatus(pid, &stats)) continue;
-    stats.pid = pid;
-    stats.oomScoreAdj = *adj;
-    result.push_back(stats);
+    if (std::optional<PIDStats> stats = readProcess(pid, *adj)) result.push_back(*stats);
   }
   std::sort(result.begin(), result.end(), [](const PIDStats& a, const PIDStats& b) { return a.pid < b.pid; });
   return result;
 }
+
+std::optional<uint64_t> ProcStatsSource::startTime(int pid) { return readStartTime(pid); }
 
 MemInfo ProcStatsSource::readMeminfo() const { return load<MemInfo>(procPath("meminfo"), parseMeminfo, true); }
 
@@ -157,18 +167,29 @@ void ProcStatsSource::fillZones(SysStats* s) const {
 }
 
 std::optional<int> ProcStatsSource::readOomScoreAdj(int pid) const {
-  std::string path = procPath(std::to_string(pid) + "/oom_score_adj");
-  std::optional<std::string> text = readFile(path);
-  if (!text) return std::nullopt;
-  int64_t adj = 0;
-  std::string error;
-  if (!parseSingleInt(*text, &adj, &error)) {
-    logError(path, error);
-    return std::nullopt;
-  }
+  const std::string path = procPath(std::to_string(pid) + "/oom_score_adj");
+  std::optional<int64_t> adj = loadProcessFile<int64_t>(path, parseSingleInt);
+  if (!adj) return std::nullopt;
   // The kernel keeps it within [-1000, 1000]; clamping keeps a corrupt file
   // from wrapping around in the narrowing to int.
-  return static_cast<int>(std::clamp<int64_t>(adj, -1000, 1000));
+  return static_cast<int>(std::clamp<int64_t>(*adj, -1000, 1000));
+}
+
+// The start time is read right after oom_score_adj: a pid reused after it
+// was read is caught by the identity check before any signal, so only the
+// short gap between the two reads is left open.
+std::optional<PIDStats> ProcStatsSource::readProcess(int pid, int adj) const {
+  std::optional<uint64_t> started = readStartTime(pid);
+  PIDStats stats{};
+  if (!started || !readStatus(pid, &stats)) return std::nullopt;
+  stats.pid = pid;
+  stats.oomScoreAdj = adj;
+  stats.startTime = *started;
+  return stats;
+}
+
+std::optional<uint64_t> ProcStatsSource::readStartTime(int pid) const {
+  return loadProcessFile<uint64_t>(procPath(std::to_string(pid) + "/stat"), parseProcStatStartTime);
 }
 
 // gpuKB stays 0: a Linux host has no ION or KGSL accounting to read it from.

@@ -30,6 +30,7 @@ class ProcStatsSource : public StatsSource {
   SysStats sysStats() override;
   PIDStats pidStats(int pid) override;
   std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override;
+  std::optional<uint64_t> startTime(int pid) override;
 
  private:
   MemInfo readMeminfo() const;
@@ -41,6 +42,10 @@ class ProcStatsSource : public StatsSource {
   std::optional<int> readOomScoreAdj(int pid) const;
   // Fills the memory figures and name; false when the process is gone.
   bool readStatus(int pid, PIDStats* out) const;
+  // Null when the process is gone (or its stat file unreadable).
+  std::optional<uint64_t> readStartTime(int pid) const;
+  // The whole record: null when any of its three files is gone.
+  std::optional<PIDStats> readProcess(int pid, int adj) const;
 
   std::string procPath(const std::string& rel) const { return mOptions.procRoot + "/" + rel; }
   std::string zramPath(const std::string& name) const { return mOptions.sysRoot + "/block/zram0/" + name; }

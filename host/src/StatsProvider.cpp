@@ -35,3 +35,5 @@ PIDStats StatsProvider::getPIDStats(int pid) { return kxhost::currentSource()->p
 std::vector<PIDStats> StatsProvider::getPIDStatsRange(int minOomScoreAdj, int maxOomScoreAdj) {
   return kxhost::currentSource()->pidStatsRange(minOomScoreAdj, maxOomScoreAdj);
 }
+
+std::optional<uint64_t> StatsProvider::getPIDStartTime(int pid) { return kxhost::currentSource()->startTime(pid); }

@@ -56,4 +56,28 @@ TEST(ProcParsers, StatusKeepsBlanksInTheNameAndNeedsOne) {
   EXPECT_EQ(error, "no Name line");
 }
 
+TEST(ProcParsers, StatStartTimeCountsFieldsFromTheLastParenthesis) {
+  const std::string tail = " 0 -1 4194560 1200 0 3 0 40 12 0 0 20 0 14 0 ";
+  const struct {
+    std::string text;
+    bool ok;
+    uint64_t startTime;
+    const char* error;
+  } cases[] = {
+      {"77 (sleep) S 1 77 77" + tail + "884211 2147483648 9000\n", true, 884211, ""},
+      // A name may hold blanks and parentheses of its own.
+      {"78 (a) b (c) S 1 78 78" + tail + "99\n", true, 99, ""},
+      {"79 (x) S 1 79 79\n", false, 0, "line 1: expected at least 22 fields, got 6"},
+      {"80 (x) S 1 80 80" + tail + "soon 1\n", false, 0, "line 1: start time is not a number: 'soon'"},
+      {"81 (x S 1 81 81" + tail + "5\n", false, 0, "line 1: no ')' after the process name"},
+  };
+  for (const auto& c : cases) {
+    uint64_t startTime = 0;
+    std::string error;
+    EXPECT_EQ(kxhost::parseProcStatStartTime(c.text, &startTime, &error), c.ok) << c.text;
+    EXPECT_EQ(startTime, c.startTime) << c.text;
+    EXPECT_EQ(error, c.error) << c.text;
+  }
+}
+
 }  // namespace

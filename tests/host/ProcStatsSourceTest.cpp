@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstring>
+#include <optional>
 
 #include "AndroidLog.h"
 #include "kxhost/LogCapture.h"
@@ -102,6 +103,7 @@ TEST(ProcStatsSource, ReadsProcessRecords) {
   EXPECT_EQ(bash.rssAnonSwapKB, 276u);
   EXPECT_STREQ(bash.comm, "bash");
   EXPECT_EQ(bash.gpuKB, 0u);
+  EXPECT_EQ(bash.startTime, 52001u);
 
   EXPECT_STREQ(treeSource("linux").pidStats(4103).comm, "kworker/u8:2-ex");  // cut to the kernel's 15
 
@@ -112,11 +114,16 @@ TEST(ProcStatsSource, ReadsProcessRecords) {
 
   EXPECT_EQ(treeSource("android").pidStats(2304).pid, -1);  // exited: status gone
   EXPECT_EQ(treeSource("android").pidStats(9999).pid, -1);
+
+  // The identity check before a kill reads the start time alone.
+  EXPECT_EQ(treeSource("android").startTime(2301), std::optional<uint64_t>(884211));
+  for (int gone : {2304, 9999, 0, -1}) EXPECT_EQ(treeSource("android").startTime(gone), std::nullopt) << gone;
 }
 
 TEST(ProcStatsSource, SelectsProcessesByOomScoreAdjInclusively) {
   kxhost::ProcStatsSource android = treeSource("android");
   EXPECT_EQ(pids(android.pidStatsRange(700, 1000)), (std::vector<int>{2301, 2302, 2303}));
+  EXPECT_EQ(android.pidStatsRange(700, 1000).front().startTime, 884211u);
   EXPECT_EQ(pids(android.pidStatsRange(701, 999)), (std::vector<int>{2302}));
   EXPECT_EQ(pids(android.pidStatsRange(-900, -800)), (std::vector<int>{501, 1201}));
 }
@@ -132,6 +139,10 @@ TEST(ProcStatsSource, MalformedProcessFilesAreReported) {
 
   EXPECT_EQ(malformed.pidStats(3002).pid, -1);
   EXPECT_TRUE(log.contains(procFile("malformed", "3002/oom_score_adj") + ": line 1: expected one integer, got 'zero'"));
+  // Without its start time a process cannot be told from a later one under
+  // the same pid, so it is not offered.
+  EXPECT_EQ(malformed.pidStats(3003).pid, -1);
+  EXPECT_TRUE(log.contains(procFile("malformed", "3003/stat") + ": line 1: expected at least 22 fields, got 5"));
   EXPECT_EQ(pids(malformed.pidStatsRange(-1000, 1000)), (std::vector<int>{3001}));
 }
 

@@ -28,7 +28,10 @@ class FixedSource : public kxhost::StatsSource {
     s.totalKB = 22;
     return s;
   }
-  PIDStats pidStats(int pid) override { return PIDStats{pid, 5, 700, 6, "fixed", 7}; }
+  // Knows every pid but 13.
+  PIDStats pidStats(int pid) override {
+    return pid == 13 ? PIDStats{-1, 0, 0, 0, "", 0} : PIDStats{pid, 5, 700, 6, "fixed", 7, 8000u + pid};
+  }
   std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
     return {PIDStats{minAdj, 0, maxAdj, 0, "", 0}};
   }
@@ -49,6 +52,10 @@ TEST(StatsProvider, DelegatesToTheInstalledSourceUntilReset) {
   ASSERT_EQ(range.size(), 1u);
   EXPECT_EQ(range[0].pid, 700);
   EXPECT_EQ(range[0].oomScoreAdj, 1000);
+  // A source without its own start-time reader answers from its records.
+  EXPECT_EQ(StatsProvider::getPIDStartTime(42), std::optional<uint64_t>(8042));
+  EXPECT_EQ(StatsProvider::getPIDStartTime(13), std::nullopt);
+  EXPECT_EQ(StatsProvider::getPIDStartTime(-1), std::nullopt);  // not the "unknown" record's pid
 
   kxhost::setStatsSource(nullptr);
   EXPECT_EQ(StatsProvider::getSysStats().totalKB, realMemTotalKB());

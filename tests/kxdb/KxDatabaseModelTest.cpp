@@ -6,6 +6,7 @@
 #include <random>
 
 #include "KxdbTestSupport.h"
+#include "kxdb/KxLastError.h"
 #include "kxhost/LogCapture.h"
 
 using namespace kxtest;
@@ -95,6 +96,7 @@ TEST_P(KxDatabaseModelTest, StoreMatchesReferenceAfterEveryStep) {
         break;
       }
     }
+    ASSERT_STREQ(kxdb::lastError(), "") << "step " << step;
     ASSERT_EQ(storeContents(db), mStored) << "step " << step;
     int count = 0;
     for (auto& [id, row] : mStored) count += row.name == name;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "KxdbTestSupport.h"
+#include "kxdb/KxLastError.h"
 #include "kxhost/LogCapture.h"
 
 using namespace kxtest;
@@ -54,6 +55,7 @@ TEST_F(KxDatabaseQueryTest, OrderingWithAndWithoutDirection) {
   EXPECT_EQ(names(any, 2, KXDB_ORDER_BY_APPNAME, KXDB_DIR_ASC), (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(mDb.getTxtColUniqList(KXDB_TXTCOL_APPNAME, KXDB_ORDER_BY_APPNAME, KXDB_DIR_DESC),
             (std::vector<std::string>{"c", "b", "a"}));
+  EXPECT_STREQ(kxdb::lastError(), "");
 }
 
 TEST_F(KxDatabaseQueryTest, NullColumnsComeBackUnset) {

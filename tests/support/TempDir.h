@@ -11,8 +11,10 @@ namespace kxtest {
 
 class TempDir {
  public:
-  TempDir() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "kxtest.XXXXXX").string();
+  // Under `base` when given, else under the temporary directory.
+  explicit TempDir(const std::filesystem::path& base = {}) {
+    const auto parent = base.empty() ? std::filesystem::temp_directory_path() : base;
+    std::string tmpl = (parent / "kxtest.XXXXXX").string();
     if (mkdtemp(&tmpl[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
     mPath = tmpl;
   }

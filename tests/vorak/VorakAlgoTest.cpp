@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AndroidLog.h"
@@ -18,8 +20,10 @@
 #include "Properties.h"
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
+#include "VorakMetaMeter.h"
 #include "WallClock.h"
 #include "kxhost/LogCapture.h"
+#include "support/FailingWrites.h"
 #include "support/PutRows.h"
 #include "support/TempDir.h"
 
@@ -75,12 +79,14 @@ class VorakAlgoTest : public ::testing::Test {
     return mMeterDb.getCountDR(key);
   }
   // The learnt rows of `name`, with their rowids.
-  std::vector<std::pair<Learnt, int64_t>> learnt(const std::string& name) {
+  std::vector<std::pair<Learnt, int64_t>> learnt(const std::string& name) { return learntIn(mActionDb, name); }
+  static std::vector<std::pair<Learnt, int64_t>> learntIn(KxDatabase<_vorak_Feature_Action_Data>& db,
+                                                          const std::string& name) {
     KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-    auto rows = mActionDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+    auto rows = db.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
     std::vector<std::pair<Learnt, int64_t>> out;
     for (auto* row : rows) out.push_back({{row->blob.ionKgsl, row->blob.rssSwap}, row->rowid});
-    mActionDb.deallocateDR(rows);
+    db.deallocateDR(rows);
     return out;
   }
   void run(bool cancelled = false) {
@@ -113,6 +119,65 @@ TEST_F(VorakAlgoTest, LearnsTheTruncatedMeanOfEveryDueNameAndForgetsItsSamples) 
   EXPECT_EQ(samples("com.a") + samples("com.b"), 0);
   EXPECT_TRUE(learnt("svc.c").empty()) << "still collecting";
   EXPECT_EQ(samples("svc.c"), 1);
+}
+
+// Samples keep arriving while the name is learnt again and again: each mean
+// is taken over exactly the samples counted, all of the one true figure.
+TEST_F(VorakAlgoTest, LearntMeansStayTrueWhileSamplesArrive) {
+  FeatureInfo info;
+  info.samplesThreshold = 1 << 30;
+  VorakMetaMeter meter(info, &mMeterDb, mState, &mServiceInDb, &mFeature->samplesMutex());
+  std::string name = "com.a";
+  std::atomic<bool> written{false};
+  // Started here, joined below once it has written its samples.
+  std::thread writer([&] {
+    std::string app = name;
+    for (int i = 0; i < 2000; ++i) meter.writeToInputDb(app, 7, 700);
+    written = true;
+  });
+  int learnings = 0, wrong = 0;
+  while (!written.load()) {
+    due(name);
+    mAlgo->learnPerApp(name);
+    auto rows = learnt(name);
+    if (rows.empty()) continue;
+    ++learnings;
+    wrong += rows[0].first != Learnt(7, 700);
+  }
+  writer.join();
+  EXPECT_GT(learnings, 0);
+  EXPECT_EQ(wrong, 0) << "of " << learnings;
+}
+
+// A learnt row that the store could not commit is no result: the samples
+// stay, the name stays due, and the row waiting in the cache is written
+// before the next try reads, so that the try updates it instead of adding
+// a second row.
+TEST_F(VorakAlgoTest, SamplesGoOnlyOnceTheirLearntRowIsCommitted) {
+  std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
+  if (!kxtest::storeReportsFailedWrites()) GTEST_SKIP() << "needs the store's failure reporting";
+  KxDatabase<_vorak_Feature_Action_Data> actionDb(100, "Vorakaction.db", "Vorak");
+  ASSERT_EQ(actionDb.KxDatabaseInit(), KXDB_SUCCESS);
+  VorakAlgo algo(*mFeature, &mServiceInDb, &mServiceOutDb, &mMeterDb, &actionDb, &mFavPidDb, &mFavSlotDb,
+                 &mStartProcDb, mState);
+  std::string name = "com.a";
+  sample(name, 4, 40, 2);
+  due(name);
+  {
+    kxtest::FailingWrites failing("Vorakaction.db");
+    EXPECT_FALSE(algo.learnPerApp(name)) << "the row's write-back fails";
+    EXPECT_FALSE(algo.learnPerApp(name)) << "the row still waiting cannot be written";
+  }
+  EXPECT_EQ(samples(name), 2);
+  EXPECT_EQ(mState.readState(name), APP_STATE_LEARNING_DUE);
+  EXPECT_TRUE(learntIn(actionDb, name).empty());
+
+  sample(name, 1, 10);
+  EXPECT_TRUE(algo.learnPerApp(name));
+  EXPECT_EQ(samples(name), 0);
+  auto rows = learntIn(actionDb, name);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].first, Learnt(3, 30));
 }
 
 TEST_F(VorakAlgoTest, DividesByTheFullCountWhenTheReadIsCapped) {

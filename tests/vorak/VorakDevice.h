@@ -27,6 +27,12 @@ class VorakFeatureTestPeer {
   static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
   // Waits until the worker has dealt with everything queued so far.
   static void drain(VorakFeature& f) { f.mTriggerQ.waitIdle(); }
+  // Queues the destructor's stop item, for a test that runs the worker's
+  // body itself.
+  static void pushStop(VorakFeature& f) { f.mTriggerQ.push(PayloadInfo::stopItem()); }
+  // Gives a feature stopped at a gate (no tables, components or worker) a
+  // User table; the feature owns `db` from then on.
+  static void setUserDb(VorakFeature& f, VorakFeature::UserDb* db) { f.mUserDb = db; }
   // The feature owns `meter` from then on.
   static void setMetaMeter(VorakFeature& f, MetaMeter* meter) {
     delete f.mMetaMeter;
@@ -57,6 +63,14 @@ class FixedStats : public kxhost::StatsSource {
   const uint64_t mTotalKB;
 };
 
+// The statistics of a 4 GB device with `freeKB` free.
+inline SysStats sysStats4GB(uint64_t freeKB) {
+  SysStats s{};
+  s.totalKB = 3900000;
+  s.freeKB = freeKB;
+  return s;
+}
+
 // An encoded model; `withWeight` false leaves its one entry incomplete.
 inline std::string modelBytes(bool withWeight = true) {
   VorakModel model;
@@ -73,7 +87,8 @@ inline std::string modelPath(const std::string& memClass) { return "vendor/etc/k
 
 class Device {
  public:
-  explicit Device(uint64_t memTotalKB = k4GB) {
+  // The device's root lies under `tempBase` when given.
+  explicit Device(uint64_t memTotalKB = k4GB, const std::filesystem::path& tempBase = {}) : mDir(tempBase) {
     kxhost::setFsRoot(mDir.path());
     std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
     kxhost::clearProperties();

@@ -20,6 +20,7 @@
 #include "StatsProvider.h"
 #include "VorakMetaMeter.h"
 #include "kxhost/LogCapture.h"
+#include "support/PutRows.h"
 #include "support/Sleepers.h"
 #include "support/TempDir.h"
 
@@ -186,22 +187,45 @@ TEST_F(VorakMetaMeterTest, FieldListIsExactlyTheTwoMemoryFieldsInAnyOrder) {
   EXPECT_EQ(mMeter->getMemoryField(fields, nullptr), nullptr);
 }
 
-TEST_F(VorakMetaMeterTest, RecordsTheLaunchedAppsReadings) {
+TEST_F(VorakMetaMeterTest, RecordsTheLaunchedAppsReadingsAndNoOtherApps) {
+  kxhost::LogCapture log;
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {500})));
-  EXPECT_TRUE(record(memoryMeter("com.a", 1, {}, {501})));
-  // A sample of another trigger counts for the last launch seen.
-  EXPECT_TRUE(record(memoryMeter("com.other", 1, {7}, {502}, 4163)));
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {}, {1})));
+  // A sample of another trigger counts for the last launch only when it was
+  // taken for the launched app.
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {7}, {502}, 4163)));
+  EXPECT_TRUE(record(memoryMeter("com.other", 2, {9}, {900}, 4163)));
   auto samples = samplesOf("com.a");
   std::sort(samples.begin(), samples.end());
-  EXPECT_EQ(samples, (std::vector<Sample>{{0, 501}, {7, 502}, {300, 500}}));
+  EXPECT_EQ(samples, (std::vector<Sample>{{0, 1}, {7, 502}, {300, 500}}));
   EXPECT_TRUE(samplesOf("com.other").empty());
+  EXPECT_EQ(log.count("Sample of app \"com.other\" dropped: the launch recorded last is of \"com.a\""), 1u);
+}
+
+// A launch name that cannot key its own rows (none before the first
+// launch) gets no sample, no service list and no state change.
+TEST_F(VorakMetaMeterTest, NothingIsRecordedWithoutAUsableLaunchName) {
+  ASSERT_TRUE(kxtest::putRows(mMeterDb, "com.z", 3, [](_vorak_Meter_Data& b) { b.rssSwap = 1; }));
+  setServices("a/b", {"svc.b"}, {});
+  kxhost::LogCapture log;
+  EXPECT_FALSE(record(memoryMeter("com.a", 1, {1}, {1}, 4163)));
+  EXPECT_FALSE(record(memoryMeter("a/b", 1, {1}, {1})));
+  KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
+  EXPECT_EQ(mMeterDb.getCountDR(all), 3);
+  EXPECT_EQ(mServiceInDb.getCountDR(all), 0);
+  EXPECT_EQ(mState.readState(""), APP_STATE_COLLECTING);
+  EXPECT_EQ(log.count("writeToDataBase() end. Nothing recorded for the launched app \"\": empty name"), 1u);
+  EXPECT_EQ(log.count("Nothing recorded for the launched app \"a/b\": contains '/'"), 1u);
+  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 TEST_F(VorakMetaMeterTest, ZeroRssSwapRecordsNothingForTheAppButStillSamplesItsServices) {
   const int svc = mSleepers.start();
   setServices("com.a", {"svc.a"}, {svc});
+  kxhost::LogCapture log;
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {0})));
   EXPECT_TRUE(samplesOf("com.a").empty());
+  EXPECT_EQ(log.lines().size(), 0u) << "a sample without resident memory is no failure";
   EXPECT_EQ(samplesOf("svc.a"), (std::vector<Sample>{{10, 1000}}));
   EXPECT_EQ(storedServices("com.a")[0], "svc.a");
 }
@@ -264,18 +288,25 @@ TEST_F(VorakMetaMeterTest, QueriedNamesPairWithThePidsOfTheStoredList) {
   EXPECT_EQ(samplesOf("svc.first").size(), 1u);
 }
 
-TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListCuttingLongNames) {
+TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListLessTheNamesItRefuses) {
+  kxhost::LogCapture log;
   const std::string longName(300, 'x');
-  setServices("com.a", {"svc.a", longName, "svc.c"}, {});
+  setServices("com.a", {"svc.a", longName, "svc/c", "svc.d"}, {});
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
   setServices("com.a", {"svc.z"}, {});
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
 
   int rows = 0;
-  std::vector<std::string> expected{"svc.a", longName.substr(0, 255), "svc.c"};
+  std::vector<std::string> expected{"svc.a", "svc.d"};
   expected.resize(12);
   EXPECT_EQ(storedServices("com.a", &rows), expected);
   EXPECT_EQ(rows, 1);
+  EXPECT_EQ(log.count("VorakMetaMeter: writeToDataBase() "), 2u);
+  EXPECT_EQ(log.count("Service \"svc/c\" of com.a not recorded: contains '/'"), 1u);
+
+  char slots[12][256];
+  mMeter->convertToCharArray({longName}, slots);
+  EXPECT_EQ(std::string(slots[0]), longName.substr(0, 255));
 }
 
 TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {

@@ -6,8 +6,11 @@
 #include <mutex>
 
 #include "VorakDevice.h"
+#include "kxdb/KxLastError.h"
 #include "kxhost/LogCapture.h"
 #include "kxhost/MeteringThread.h"
+#include "support/FailingWrites.h"
+#include "support/PutRows.h"
 
 namespace {
 
@@ -55,6 +58,31 @@ TEST(VorakDispatch, FiftyFirstPushEmptiesTheQueue) {
                            "detected, clearing Queue"));
   feature->runAsync(trigger(kPrepare, 0, "a"));
   EXPECT_EQ(Peer::queued(*feature), 1u);
+}
+
+// The worker's failure lines name the store's own error. Items that outlive
+// the tables (the feature is going) have nothing to update and no line.
+TEST(VorakDispatch, WorkerLinesCarryTheStoresErrorAndOnlyForRealFailures) {
+  Device device(0);
+  auto feature = device.create();
+  kxhost::LogCapture log;
+  auto work = [&](const AsyncTriggerPayload& t) {
+    feature->runAsync(t);
+    Peer::pushStop(*feature);
+    feature->dbOperations();
+  };
+  for (auto t : {trigger(kPrepare, 0, "com.a", 5), trigger(kLaunch, 101, "com.a", 5), trigger(kRemoved, 0, "com.a")})
+    work(t);
+  EXPECT_FALSE(log.contains("dbOperations()"));
+
+  if (!kxtest::storeReportsFailedWrites()) GTEST_SKIP() << "needs the store's failure reporting";
+  auto* user = new VorakFeature::UserDb(100, "User.db", "Vorak");
+  ASSERT_EQ(user->KxDatabaseInit(), KXDB_SUCCESS);
+  Peer::setUserDb(*feature, user);
+  kxtest::FailingWrites failing("User.db");
+  work(trigger(kPrepare, 0, "com.a", 5));
+  ASSERT_STRNE(kxdb::lastError(), "");
+  EXPECT_EQ(log.count(std::string("Couldnt Update PID in User DB. Err = ") + kxdb::lastError()), 1u);
 }
 
 // Records the names of the triggers that reached the meter aggregator.
@@ -119,6 +147,46 @@ TEST_F(VorakSampling, CompletionPairsWithTheLastLaunchBySubstring) {
   EXPECT_EQ(mMeter->takeSampled(), Names{"com.c:remote"});
   send(kLaunch, 101, "app with blank");  // contains the empty slot's " "
   EXPECT_EQ(mMeter->takeSampled(), Names{"app with blank"});
+}
+
+// A trigger naming no usable app is refused whole, with one warning that
+// shows the name escaped: an empty name would select every app's rows. A
+// name of blanks is an app like any other.
+TEST_F(VorakSampling, TriggersWithUnusableNamesTouchNothing) {
+  auto* meterDb = Peer::meterDb(*mFeature);
+  ASSERT_TRUE(kxtest::putRows(*meterDb, "com.a", 2, [](_vorak_Meter_Data& b) { b.rssSwap = 5; }));
+  VorakFeature::UserDb* tables[] = {Peer::userDb(*mFeature), Peer::startProcDb(*mFeature), Peer::favPidDb(*mFeature)};
+  for (auto* db : tables) addRow(db, "com.a", 10);
+  kxhost::LogCapture log;
+  const std::pair<std::string, std::string> names[] = {{"", "\"\": empty name"},
+                                                       {"a/b", "\"a/b\": contains '/'"},
+                                                       {std::string("a\0b", 3), "\"a\\x00b\": contains a NUL"},
+                                                       {"a\x1b[2J", "\"a\\x1b[2J\": contains a control"},
+                                                       {std::string(300, 'x'), "(300 bytes)\": longer than 255"}};
+  const int kinds[][2] = {{kPrepare, 0}, {kMeter, 0}, {kLaunch, 2}, {kLaunch, 101}, {kForget, 0}, {kRemoved, 0}};
+  for (const auto& [name, shown] : names) {
+    for (const auto& [id, type] : kinds) {
+      log.clear();
+      mFeature->runAsync(trigger(id, type, name, 99));
+      const std::string hint = "Refused hint " + std::to_string(id) + " type " + std::to_string(type) + " for app ";
+      EXPECT_EQ(log.count(hint, ANDROID_LOG_WARN), 1u) << shown;
+      EXPECT_TRUE(log.contains(shown)) << shown;
+      EXPECT_EQ(log.lines().size(), 1u) << shown;
+    }
+  }
+  mFeature->runAsync(trigger(kLaunch, 101, "com.a", 10));  // no launch was remembered for the refused ones
+  Peer::drain(*mFeature);
+  EXPECT_EQ(mMeter->takeSampled(), Names{});
+  KxDBDataRowKey all("", 0);
+  EXPECT_EQ(meterDb->getCountDR(all), 2);
+  for (auto* db : tables) EXPECT_EQ(values(db, "com.a"), Ints{10});
+
+  mFeature->runAsync(trigger(kPrepare, 0, " ", 7));
+  send(kLaunch, 101, " ");
+  Peer::drain(*mFeature);
+  EXPECT_EQ(values(tables[0], " "), Ints{7});
+  EXPECT_EQ(values(tables[0], "com.a"), Ints{10});
+  EXPECT_EQ(mMeter->takeSampled(), Names{" "});
 }
 
 TEST_F(VorakSampling, LearningStateGatesSamples) {
@@ -230,13 +298,13 @@ TEST_F(VorakWorker, DuplicatedAppsAreReportedAndHandledPerTable) {
   EXPECT_EQ(values(mUser, "dup"), (Ints{1, 2}));
   EXPECT_TRUE(log.contains("There is some problem with App = (dup) as it has > 1 entries in User DB."));
   EXPECT_TRUE(log.contains("VorakFeature: dbOperations() "));
-  EXPECT_TRUE(log.contains("Couldnt Update PID in User DB. Err = "));
+  EXPECT_TRUE(log.contains("Couldnt Update PID in User DB. Err = more than one row of the app in User DB"));
 
   run(kLaunch, 101, "dup", 9);
   EXPECT_EQ(values(mFav, "dup"), Ints{});
   EXPECT_EQ(values(mStart, "dup"), (Ints{1, 2}));
-  EXPECT_TRUE(log.contains("Couldnt Update PID in Fav PID DB. Err = "));
-  EXPECT_TRUE(log.contains("Couldnt Update PID in StartProc DB. Err = "));
+  EXPECT_TRUE(log.contains("Couldnt Update PID in Fav PID DB. Err = more than one row of the app in FavoritePID DB"));
+  EXPECT_TRUE(log.contains("Couldnt Update PID in StartProc DB. Err = more than one row of the app in StartProc DB"));
 
   addRow(mFav, "dup", 3);
   addRow(mFav, "dup", 4);
@@ -244,14 +312,34 @@ TEST_F(VorakWorker, DuplicatedAppsAreReportedAndHandledPerTable) {
   EXPECT_EQ(values(mFav, "dup"), Ints{});
   EXPECT_EQ(values(mUser, "dup"), Ints{});
   EXPECT_EQ(values(mStart, "dup"), Ints{});
-  EXPECT_TRUE(log.contains("Couldnt update favoriteDb. Err = "));
-  EXPECT_TRUE(log.contains("Couldnt deleteApp from User DB. Err = "));
-  EXPECT_TRUE(log.contains("Couldnt deleteApp from Start Proc DB. Err = "));
+  EXPECT_TRUE(log.contains("Couldnt update favoriteDb. Err = more than one row of the app in FavoritePID DB"));
+  EXPECT_TRUE(log.contains("Couldnt deleteApp from User DB. Err = more than one row of the app in User DB"));
+  EXPECT_TRUE(log.contains("Couldnt deleteApp from Start Proc DB. Err = more than one row of the app in StartProc"));
   EXPECT_EQ(log.count("> 1 entries in FavoritePID DB."), 2u);
 }
 
-TEST_F(VorakWorker, TableOperationsRefuseMissingTables) {
+// A write or deletion the store could not commit fails the operation, and
+// nothing of it shows in the table.
+TEST_F(VorakWorker, TableOperationsFailWhenTheStoreCannotWrite) {
+  if (!kxtest::storeReportsFailedWrites()) GTEST_SKIP() << "needs the store's failure reporting";
+  VorakFeature::UserDb db(100, "Failing.db", "Vorak");
+  ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
+  addRow(&db, "com.a", 1);
+  std::string a = "com.a", b = "com.b";
+  kxtest::FailingWrites failing("Failing.db");
+  EXPECT_EQ(mFeature->updatePIDInDB(&db, b, 2, "User"), -1) << "insert";
+  EXPECT_EQ(mFeature->updatePIDInDB(&db, a, 2, "User"), -1) << "update";
+  EXPECT_EQ(mFeature->updateFavDB(&db, a, 3, "FavoritePID"), -1);
+  EXPECT_EQ(mFeature->deleteAppFromDB(&db, a, "User"), -1);
+  EXPECT_EQ(values(&db, "com.a"), Ints{1});
+  EXPECT_EQ(values(&db, "com.b"), Ints{});
+}
+
+TEST_F(VorakWorker, TableOperationsRefuseMissingTablesAndReturnZeroOnSuccess) {
   std::string app = "com.a";
+  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, "User"), 0);
+  EXPECT_EQ(mFeature->updateFavDB(mUser, app, 2, "User"), 0);
+  EXPECT_EQ(mFeature->deleteAppFromDB(mUser, app, "User"), 0);
   EXPECT_EQ(mFeature->updatePIDInDB(nullptr, app, 1, "User"), -1);
   EXPECT_EQ(mFeature->updateFavDB(nullptr, app, 1, "FavoritePID"), -1);
   EXPECT_EQ(mFeature->deleteAppFromDB(nullptr, app, "User"), -1);
