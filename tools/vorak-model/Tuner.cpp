@@ -138,7 +138,7 @@ std::string tuneTable(const std::vector<TunePoint>& points, size_t chosen) {
 }
 
 std::string tuneSvg(const std::vector<TunePoint>& points, size_t chosen, const std::string& title) {
-  const double W = 760, left = 80, right = 30, plotW = W - left - right, panelH = 200, gap = 70, top = 60;
+  const double W = 960, left = 80, right = 30, plotW = W - left - right, panelH = 200, gap = 80, top = 80;
   const double H = top + 2 * panelH + gap + 50;
   double lo = 0, hi = 1, timeMax = 1, countMax = 1;
   if (!points.empty()) {
@@ -155,7 +155,7 @@ std::string tuneSvg(const std::vector<TunePoint>& points, size_t chosen, const s
   std::ostringstream o;
   o << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << W << "\" height=\"" << H << "\" viewBox=\"0 0 " << W << " "
     << H << "\" font-family=\"sans-serif\" font-size=\"12\">\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
-  o << "<text x=\"" << left << "\" y=\"24\" font-size=\"16\" font-weight=\"bold\">" << vsim::xmlText(title) << "</text>\n";
+  o << "<text x=\"" << left << "\" y=\"24\" font-size=\"14\" font-weight=\"bold\">" << vsim::xmlText(title) << "</text>\n";
   if (!points.empty()) {
     o << "<text x=\"" << left << "\" y=\"44\" fill=\"#444\">chosen safeload " << safeloadText(points[chosen].safeload)
       << ": least estimated launch time, then fewest cold launches caused by kills</text>\n";
@@ -182,8 +182,10 @@ std::string tuneSvg(const std::vector<TunePoint>& points, size_t chosen, const s
         << "\" text-anchor=\"middle\" fill=\"#555\">" << safeloadText(p.safeload) << "</text>\n";
     }
   }
-  double legendY = top + 14;
+  // Each panel's series named above it, in its colour; its scale at the left.
+  double legendX[2] = {left, left};
   for (const Series& s : series) {
+    const int panel = s.panelTop == top ? 0 : 1;
     std::string path;
     for (const auto& p : points) {
       path += (path.empty() ? "M" : " L") + fixed(x(p.safeload), 1) + " " + fixed(yIn(s.value(p.total), s.max, s.panelTop), 1);
@@ -193,9 +195,12 @@ std::string tuneSvg(const std::vector<TunePoint>& points, size_t chosen, const s
       o << "<circle cx=\"" << fixed(x(p.safeload), 1) << "\" cy=\"" << fixed(yIn(s.value(p.total), s.max, s.panelTop), 1)
         << "\" r=\"3\" fill=\"" << s.colour << "\"/>\n";
     }
-    o << "<text x=\"" << left + 8 << "\" y=\"" << (s.panelTop == top ? legendY : legendY + panelH + gap) << "\" fill=\""
-      << s.colour << "\">" << s.label << ", up to " << fixed(s.max, 0) << "</text>\n";
-    if (s.panelTop != top) legendY += 16;
+    o << "<text x=\"" << legendX[panel] << "\" y=\"" << s.panelTop - 8 << "\" fill=\"" << s.colour << "\">" << s.label
+      << "</text>\n";
+    legendX[panel] += 7.0 * static_cast<double>(std::string(s.label).size()) + 24;
+    o << "<text x=\"" << left - 6 << "\" y=\"" << s.panelTop + 4 << "\" text-anchor=\"end\" fill=\"#555\">"
+      << fixed(s.max, 0) << "</text>\n<text x=\"" << left - 6 << "\" y=\"" << s.panelTop + panelH + 4
+      << "\" text-anchor=\"end\" fill=\"#555\">0</text>\n";
   }
   if (!points.empty()) {
     const double cx = x(points[chosen].safeload);
