@@ -279,7 +279,7 @@ TEST_F(VorakModelTool, TrainedModelRoundTripsAndLoadsInThePlugin) {
   // The plug-in starts with it (a disabled plug-in fails the run) and acts as the scenario expects.
   const ToolRun sim = kxtest::runTool(mDir, VORAK_TOOL_LAUNCHER,
                                       {VORAK_SIM_TOOL, std::string(VORAK_TEST_DATA) + "/evict-one.json", "--model",
-                                       fitted + ".data", "--run-dir", mDir.sub("sim"), "-q"});
+                                       fitted + ".data", "--policy", "vorak:safeload=0.22", "--run-dir", mDir.sub("sim"), "-q"});
   EXPECT_EQ(sim.code, 0) << sim.err;
 }
 
