@@ -53,10 +53,4 @@ TEST(LogisticFit, RecoversThePlaneOfASeparableSet) {
   EXPECT_LT(std::fabs(fit.model.weights[3]), 0.1 * std::fabs(fit.model.weights[0]));
 }
 
-TEST(LogisticFit, RefusesMismatchedData) {
-  EXPECT_THROW(vmodel::fitLogistic({}, {}), std::invalid_argument);
-  EXPECT_THROW(vmodel::fitLogistic({{1, 2}, {1}}, {0, 1}), std::invalid_argument);
-  EXPECT_THROW(vmodel::fitLogistic({{1}}, {0, 1}), std::invalid_argument);
-}
-
 }  // namespace
