@@ -172,6 +172,7 @@ TEST_F(VorakSim, ImportsAnEventLogIntoAScenarioItPlays) {
   for (const std::vector<std::string>& bad : {
            std::vector<std::string>{"import", log},  // its dates have no year
            {"import", mDir.path(), "--year", "2025"},
+           {"import", "/dev/zero", "--year", "2025"},
            {"import", log, "--year", "2025", "--figures", mDir.write("f.csv", "a.b,1,2,3\nc.d,1,2\n")},
            {"import", log, "--year", "2025", "--device", "3"},
            {"import"},

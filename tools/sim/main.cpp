@@ -126,12 +126,26 @@ CLI::App* describeImport(CLI::App& app, ImportArgs& a) {
   return cmd;
 }
 
+// A week of a busy device's event log is some tens of MB: the bound stops an
+// endless input (/dev/zero) before it exhausts memory.
+constexpr size_t kMaxImportBytes = size_t{256} << 20;
+
 std::string readText(const std::string& path, const char* what) {
-  if (path == "-") return std::string(std::istreambuf_iterator<char>(std::cin), {});
-  if (fs::is_directory(path)) throw vsim::ScenarioError(path + ": is a directory, not " + what);
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw vsim::ScenarioError(path + ": cannot read");
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  if (path != "-" && fs::is_directory(path)) throw vsim::ScenarioError(path + ": is a directory, not " + what);
+  std::ifstream file;
+  if (path != "-") {
+    file.open(path, std::ios::binary);
+    if (!file) throw vsim::ScenarioError(path + ": cannot read");
+  }
+  std::istream& in = path == "-" ? std::cin : file;
+  std::string text;
+  char buf[65536];
+  while (text.size() <= kMaxImportBytes && in.read(buf, sizeof buf).gcount() > 0)
+    text.append(buf, static_cast<size_t>(in.gcount()));
+  if (in.bad()) throw vsim::ScenarioError(path + ": cannot read");
+  if (text.size() > kMaxImportBytes)
+    throw vsim::ScenarioError(path + ": larger than " + std::to_string(kMaxImportBytes >> 20) + " MiB, not " + what);
+  return text;
 }
 
 int runImport(const ImportArgs& a) {
