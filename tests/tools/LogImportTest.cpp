@@ -110,10 +110,11 @@ TEST(LogImport, RefusesLogsThatCannotBeReplayed) {
       EXPECT_THAT(e.what(), HasSubstr(c.message));
     }
   }
-  // A launch of a name the plug-in would refuse is a bad line, not an app.
+  // A name the plug-in would refuse, a negative duration or a date that does not exist is a bad line.
   const auto r = import(launchLine("11-24 08:00:00.000", "a.b", 0) + launchLine("11-24 09:00:00.000", "", 0) +
-                        launchLine("11-24 10:00:00.000", "a.b", -5));
-  EXPECT_EQ(r.badLines, (std::vector<size_t>{2, 3}));
+                        launchLine("11-24 10:00:00.000", "a.b", -5) + launchLine("13-01 10:00:00.000", "a.b", 0) +
+                        launchLine("02-30 10:00:00.000", "a.b", 0) + launchLine("11-24 24:00:00.000", "a.b", 0));
+  EXPECT_EQ(r.badLines, (std::vector<size_t>{2, 3, 4, 5, 6}));
 }
 
 TEST(LogImport, FiguresNameTheLineOfTheirFirstFault) {

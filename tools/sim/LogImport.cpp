@@ -143,6 +143,8 @@ class LogReader {
 
   std::optional<double> when(size_t number, const std::smatch& m) {
     const int month = std::stoi(m[2]);
+    // A month that does not exist must not turn the year either.
+    if (month < 1 || month > 12) return std::nullopt;
     int year;
     if (m[1].matched) {
       year = std::stoi(m[1]);
