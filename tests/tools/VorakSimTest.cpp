@@ -47,7 +47,8 @@ TEST_F(VorakSim, KillsTheExpectedVictimsAndLeavesDatabasesVorakDbCanRead) {
 
   const std::string runDir = mDir.sub("run");
   const std::string scenario = std::string(VORAK_TEST_DATA) + "/evict-one.json";
-  const ToolRun r = sim({scenario, "--run-dir", runDir});
+  // The scenario's victims are those of safeload 0.22, whatever the shipped model says.
+  const ToolRun r = sim({scenario, "--policy", "vorak:safeload=0.22", "--run-dir", runDir});
 
   int status = 0;
   EXPECT_EQ(waitpid(bystander, &status, WNOHANG), 0) << "a process outside the simulator died";
@@ -152,6 +153,37 @@ TEST_F(VorakSim, ComparesPoliciesOnTheBuiltInDayWhereOnlyThePolicyUnderTestKills
   EXPECT_EQ(std::system(("xmllint --noout " + dir + "/compare.svg").c_str()), 0);
 }
 
+TEST_F(VorakSim, ImportsAnEventLogIntoAScenarioItPlays) {
+  const std::string data = VORAK_TEST_DATA;
+  const std::string scenario = mDir.sub("imported.json");
+  const ToolRun r = sim({"import", data + "/sample-events.log", "--figures", data + "/sample-figures.csv", "--year",
+                         "2025", "-o", scenario});
+  ASSERT_EQ(r.code, 0) << r.err;
+  // Two warnings (bad lines, apps without figures) and the summary, one line each.
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 3) << r.err;
+  EXPECT_THAT(r.err, HasSubstr("lines skipped: 21, 29"));
+  EXPECT_THAT(r.err, HasSubstr("imported 30 launches of 8 apps and 2 removals"));
+  const ToolRun played = sim({scenario, "--compare", "--policies", "vorak,none", "--run-dir", mDir.sub("run"), "-q"});
+  ASSERT_EQ(played.code, 0) << played.err;
+  const json report = json::parse(slurp(mDir.sub("run/report.json")));
+  for (const auto& p : report["policies"]) EXPECT_EQ(p["summary"]["launches"], 30) << p["policy"];
+
+  const std::string log = data + "/sample-events.log";
+  for (const std::vector<std::string>& bad : {
+           std::vector<std::string>{"import", log},  // its dates have no year
+           {"import", mDir.path(), "--year", "2025"},
+           {"import", "/dev/zero", "--year", "2025"},
+           {"import", log, "--year", "2025", "--figures", mDir.write("f.csv", "a.b,1,2,3\nc.d,1,2\n")},
+           {"import", log, "--year", "2025", "--device", "3"},
+           {"import"},
+       }) {
+    const ToolRun b = sim(bad);
+    EXPECT_EQ(b.code, 2) << b.err;
+    EXPECT_EQ(std::count(b.err.begin(), b.err.end(), '\n'), 1) << b.err;
+  }
+  EXPECT_THAT(sim({"import", log}).err, HasSubstr("--year"));
+}
+
 TEST_F(VorakSim, RejectsBrokenScenariosWithOneLine) {
   const std::string full = slurp(std::string(VORAK_TEST_DATA) + "/evict-one.json");
   const std::string cut = mDir.write("cut.json", full.substr(0, full.size() / 2));
@@ -166,7 +198,8 @@ TEST_F(VorakSim, RejectsBrokenScenariosWithOneLine) {
     EXPECT_EQ(r.err.rfind("vorak-sim: " + path, 0), 0u) << r.err;
   }
   for (const auto& args : std::vector<std::vector<std::string>>{
-           {"--bogus"}, {"--policy", "lru"}, {"--generate", "--days", "0"}, {"--days", "3"}, {"x.json", "--builtin", "week"}}) {
+           {"--bogus"}, {"--policy", "lru"}, {"--generate", "--days", "0"}, {"--days", "3"}, {"x.json", "--builtin", "week"},
+           {"--device", "2"}, {"--builtin", "week", "--device", "3"}}) {
     const ToolRun bad = sim(args);
     EXPECT_EQ(bad.code, 2) << args[0];
     EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << bad.err;

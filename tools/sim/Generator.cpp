@@ -227,9 +227,9 @@ Scenario generateScenario(const GeneratorOptions& o) {
   return sc;
 }
 
-Scenario builtinWeek() {
-  Scenario sc = generateScenario({7, 24, 4, 7});
-  sc.name = "a week on a 4 GB phone (built in)";
+Scenario builtinWeek(int deviceGb) {
+  Scenario sc = generateScenario({7, 24, deviceGb, 7});
+  sc.name = "a week on a " + std::to_string(deviceGb) + " GB phone (built in)";
   return sc;
 }
 

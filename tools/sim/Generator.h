@@ -23,7 +23,8 @@ constexpr int kMaxDays = 28;
 // ScenarioError for options out of range.
 Scenario generateScenario(const GeneratorOptions& options);
 
-// The built-in week: 24 apps on a 4 GB phone, Monday to Sunday.
-Scenario builtinWeek();
+// The built-in week: 24 apps on a phone of the 2, 4 (the default) or 6 GB
+// class, Monday to Sunday; the same habits on every class.
+Scenario builtinWeek(int deviceGb = 4);
 
 }  // namespace vsim

@@ -59,6 +59,12 @@ std::optional<PluginEvent> parsePluginLine(const std::string& msg) {
     e.kind = PluginEvent::Kind::AppPass;
     return e;
   }
+  // Traced only: the simulator turns traces on.
+  if (const char* p = after(msg, " Sum of weights = (")) {
+    if (std::sscanf(p, "%lf)", &e.amountKB) != 1) return std::nullopt;
+    e.kind = PluginEvent::Kind::Score;
+    return e;
+  }
   if (msg.find("Disabling") != std::string::npos) {
     e.kind = PluginEvent::Kind::Disabled;
     const auto colon = msg.find(": ", msg.find("() "));

@@ -19,6 +19,7 @@ struct PluginEvent {
     Kill,           // a process killed; pid, kb, by
     AppPass,        // the decision for the app: app, amount, freed
     ServicePass,    // the pass for its services: app, amount, freed
+    Score,          // the model's biased sum for the launch: amountKB holds it
     Disabled,       // the feature gave up while starting
   };
   Kind kind;

@@ -362,6 +362,7 @@ nlohmann::json launchJson(const LaunchRecord& r, const std::string& time) {
           {"freeBeforeKB", r.freeBeforeKB},
           {"freeAfterKB", r.freeAfterKB},
           {"lackedKB", r.lackedKB},
+          {"shortfallKB", r.shortfallKB},
           {"cacheDroppedKB", r.work.cacheDroppedKB},
           {"swappedOutKB", r.work.swappedOutKB},
           {"swappedInKB", r.work.swappedInKB},

@@ -54,6 +54,10 @@ struct LaunchRecord {
   uint64_t freeBeforeKB = 0;         // free memory when the hint came
   uint64_t freeAfterKB = 0;          // free memory once the app was running
   uint64_t lackedKB = 0;             // memory the launch could not get without swapping or killing
+  uint64_t shortfallKB = 0;          // ... as it stood at the hint, before any kill: what needed freeing
+  SysStats stats{};                  // the statistics the plug-in read at the hint
+  std::optional<std::pair<int64_t, int64_t>> learntRow;  // its learnt (ion_kgsl, rss_swap) then
+  std::optional<double> modelSum;    // the model's biased sum, as the plug-in logged it
   bool answered = false;             // the plug-in (or the oracle) decided an amount for this launch
   LaunchWork work;                   // what the kernel did for the launch
   double launchMs = 0;               // the estimated launch time

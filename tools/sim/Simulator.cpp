@@ -334,6 +334,12 @@ void Simulator::onLaunch(const Event& e) {
   ++mApps[profile.name].launches;
 
   mLog->take();
+  // What the plug-in is about to see, and what truly needs freeing: a model
+  // is fitted and judged on these.
+  rec.stats = mDevice->snapshot().sysStats();
+  rec.shortfallKB = shortfallKB(profile);
+  const auto& rows = learntRows();
+  if (auto row = rows.find(profile.name); row != rows.end()) rec.learntRow = row->second;
   const auto p = payload(kHintLaunch, kLaunchType, profile.name, mApps[profile.name].pid);
   mHost->trigger(p);
   mHost->hint(p);
@@ -370,6 +376,9 @@ std::vector<Victim> Simulator::pluginKills(const AppProfile& profile, LaunchReco
         rec.amountKB = ev.amountKB;
         rec.freedKB = ev.freedKB;
         break;
+      case PluginEvent::Kind::Score:
+        if (!afterAppPass) rec.modelSum = ev.amountKB;
+        break;
       case PluginEvent::Kind::ServicePass:
         if (ev.app != profile.name) break;
         rec.serviceAmountKB = ev.amountKB;
@@ -396,9 +405,7 @@ std::vector<Victim> Simulator::pluginKills(const AppProfile& profile, LaunchReco
 
 std::vector<Victim> Simulator::oracleKills(const AppProfile& profile, LaunchRecord& rec) {
   const DeviceModel m = mDevice->snapshot();
-  const uint64_t want = demandKB(profile) + mScenario.device.lowWatermarkKB;
-  const uint64_t clean = m.cleanKB();
-  const int64_t shortfall = want > clean ? static_cast<int64_t>(want - clean) : 0;
+  const auto shortfall = static_cast<int64_t>(rec.shortfallKB);
   rec.answered = true;
   rec.amountKB = static_cast<double>(shortfall);
   // What a kill truly gives a launch: its anonymous and graphics memory, and
@@ -446,6 +453,12 @@ uint64_t Simulator::demandKB(const AppProfile& profile) const {
   return kb;
 }
 
+uint64_t Simulator::shortfallKB(const AppProfile& profile) const {
+  const uint64_t want = demandKB(profile) + mScenario.device.lowWatermarkKB;
+  const uint64_t clean = mDevice->snapshot().cleanKB();
+  return want > clean ? want - clean : 0;
+}
+
 void Simulator::bringUp(const AppProfile& profile, LaunchRecord& rec) {
   AppRun& run = mApps[profile.name];
   rec.cold = run.pid == 0;
@@ -453,9 +466,7 @@ void Simulator::bringUp(const AppProfile& profile, LaunchRecord& rec) {
   // What the policy left: memory the launch cannot get from free memory and
   // clean cache has to come from swapping out other apps, or from the
   // device's low-memory killer, while the user waits.
-  const uint64_t want = demandKB(profile) + mScenario.device.lowWatermarkKB;
-  const uint64_t clean = mDevice->snapshot().cleanKB();
-  rec.lackedKB = want > clean ? want - clean : 0;
+  rec.lackedKB = shortfallKB(profile);
   if (rec.cold) startApp(profile, rec);
   else swapInApp(profile, rec);
   for (const auto& s : profile.services)

@@ -69,6 +69,8 @@ class Simulator {
   std::vector<Victim> oracleKills(const AppProfile& profile, LaunchRecord& rec);
   // Memory the launch of `profile` will take beyond what it holds now.
   uint64_t demandKB(const AppProfile& profile) const;
+  // What of that free memory and clean cache cannot give, keeping the low watermark.
+  uint64_t shortfallKB(const AppProfile& profile) const;
   void bringUp(const AppProfile& profile, LaunchRecord& rec);
   void startService(const std::string& name, LaunchRecord* rec);
   void startApp(const AppProfile& profile, LaunchRecord& rec);

@@ -14,12 +14,17 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
+#include <map>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
 #include "Evaluation.h"
 #include "Generator.h"
+#include "LogImport.h"
 #include "Scenario.h"
 #include "Text.h"
 
@@ -32,11 +37,18 @@ constexpr int kExitOk = 0;
 constexpr int kExitUnmet = 1;
 constexpr int kExitBad = 2;
 
+struct ImportArgs {
+  std::string log, figures, output = "-", name;
+  int deviceGb = 4;
+  std::optional<int> year;
+};
+
 struct Args {
   std::string scenarioPath, builtin, runDir, policy = "vorak", policies = "vorak,none,oracle", model;
   std::string plugin = VORAK_SIM_PLUGIN, models = VORAK_SIM_MODELS;
   bool asJson = false, quiet = false, noProgress = false, printScenario = false, compare = false, generate = false;
   vsim::GeneratorOptions gen;
+  ImportArgs import;
 };
 
 std::string oneLine(std::string s) {
@@ -61,7 +73,8 @@ void onSignal(int) { vsim::Simulator::stop(); }
 
 void describe(CLI::App& app, Args& a) {
   app.add_option("SCENARIO", a.scenarioPath, "scenario file (JSON); default: the built-in day");
-  app.add_option("--builtin", a.builtin, "a built-in scenario instead: day (20 apps, 4 GB) or week (24 apps, 4 GB)")
+  app.add_option("--builtin", a.builtin,
+                 "a built-in scenario instead: day (20 apps, 4 GB) or week (24 apps, 4 GB, or the class of --device)")
       ->check(CLI::IsMember({"day", "week"}));
   app.add_option("--policy", a.policy,
                  "who frees memory before a launch: vorak (the plug-in), vorak:safeload=X (its model's "
@@ -75,9 +88,8 @@ void describe(CLI::App& app, Args& a) {
   auto* generate = app.add_flag("--generate", a.generate, "print a generated scenario of many days and exit");
   app.add_option("--days", a.gen.days, "--generate: days, from a Monday (1 to 28)")->capture_default_str()->needs(generate);
   app.add_option("--apps", a.gen.apps, "--generate: apps (1 to 500)")->capture_default_str()->needs(generate);
-  app.add_option("--device", a.gen.deviceGb, "--generate: device class, 2, 4 or 6 (GB)")
-      ->capture_default_str()
-      ->needs(generate);
+  app.add_option("--device", a.gen.deviceGb, "--generate and --builtin week: device class, 2, 4 or 6 (GB)")
+      ->capture_default_str();
   app.add_option("--seed", a.gen.seed, "--generate: seed; the same seed gives the same scenario")
       ->capture_default_str()
       ->needs(generate);
@@ -99,12 +111,77 @@ void describe(CLI::App& app, Args& a) {
       "disabled itself, 2 bad usage, bad scenario or a run that could not start.");
 }
 
-vsim::Scenario chosenScenario(const Args& a) {
+CLI::App* describeImport(CLI::App& app, ImportArgs& a) {
+  auto* cmd = app.add_subcommand(
+      "import",
+      "Turn an Android event log (logcat -b events -v threadtime) into a scenario file: its activity launches "
+      "and the apps the user removed, with the log's weekdays and hours, and learning every two hours.");
+  cmd->add_option("LOG", a.log, "the event log as text (\"-\" for stdin)")->required();
+  cmd->add_option("--figures", a.figures, "CSV of app name, rss_swap KB, graphics KB, file KB; apps it lacks get "
+                                          "the class defaults");
+  cmd->add_option("--device", a.deviceGb, "device class, 2, 4 or 6 (GB)")->capture_default_str()->check(CLI::IsMember({2, 4, 6}));
+  cmd->add_option("--year", a.year, "the year of the log's first line, when its dates carry none")->check(CLI::Range(1970, 9999));
+  cmd->add_option("--name", a.name, "the scenario's name; default: imported from LOG");
+  cmd->add_option("-o,--output", a.output, "where the scenario goes (\"-\" for stdout)")->capture_default_str();
+  return cmd;
+}
+
+// A week of a busy device's event log is some tens of MB: the bound stops an
+// endless input (/dev/zero) before it exhausts memory.
+constexpr size_t kMaxImportBytes = size_t{256} << 20;
+
+std::string readText(const std::string& path, const char* what) {
+  if (path != "-" && fs::is_directory(path)) throw vsim::ScenarioError(path + ": is a directory, not " + what);
+  std::ifstream file;
+  if (path != "-") {
+    file.open(path, std::ios::binary);
+    if (!file) throw vsim::ScenarioError(path + ": cannot read");
+  }
+  std::istream& in = path == "-" ? std::cin : file;
+  std::string text;
+  char buf[65536];
+  while (text.size() <= kMaxImportBytes && in.read(buf, sizeof buf).gcount() > 0)
+    text.append(buf, static_cast<size_t>(in.gcount()));
+  if (in.bad()) throw vsim::ScenarioError(path + ": cannot read");
+  if (text.size() > kMaxImportBytes)
+    throw vsim::ScenarioError(path + ": larger than " + std::to_string(kMaxImportBytes >> 20) + " MiB, not " + what);
+  return text;
+}
+
+int runImport(const ImportArgs& a) {
+  const auto figures = a.figures.empty() ? std::map<std::string, vsim::AppFigures>{}
+                                         : vsim::parseFigures(readText(a.figures, "a figures file"));
+  std::istringstream log(readText(a.log, "a log"));
+  vsim::ImportOptions o;
+  o.deviceGb = a.deviceGb;
+  o.year = a.year;
+  o.name = a.name.empty() ? "imported from " + (a.log == "-" ? std::string("stdin") : fs::path(a.log).filename().string())
+                          : a.name;
+  const vsim::ImportResult r = vsim::importLog(log, figures, o);
+  const std::string json = vsim::dumpJson(r.scenario.toJson()) + "\n";
+  if (a.output == "-") {
+    std::cout << json;
+  } else {
+    std::ofstream out(a.output, std::ios::binary);
+    out << json;
+    if (!out.flush()) throw vsim::ScenarioError(a.output + ": cannot write");
+  }
+  for (const auto& w : r.warnings()) std::cerr << kProg << ": warning: " << oneLine(w) << "\n";
+  std::cerr << kProg << ": imported " << r.launches << " launches of " << r.scenario.apps.size() << " apps and "
+            << r.removals << " removals; " << r.deviceKills << " kills by the device, " << r.processStarts
+            << " process starts and " << r.processDeaths << " deaths are left to the simulation; " << r.otherLines
+            << " lines of other tags ignored\n";
+  return kExitOk;
+}
+
+vsim::Scenario chosenScenario(const Args& a, bool deviceGiven) {
+  if (deviceGiven && !a.generate && a.builtin != "week")
+    throw vsim::ScenarioError("--device goes with --generate or --builtin week");
   if (!a.scenarioPath.empty()) {
     if (!a.builtin.empty()) throw vsim::ScenarioError("give a scenario file or --builtin, not both");
     return vsim::loadScenario(a.scenarioPath);
   }
-  return a.builtin == "week" ? vsim::builtinWeek() : vsim::defaultScenario();
+  return a.builtin == "week" ? vsim::builtinWeek(a.gen.deviceGb) : vsim::defaultScenario();
 }
 
 // The command that puts this run's scenario side by side with the other policies.
@@ -112,6 +189,7 @@ std::string compareCommand(const char* argv0, const Args& a) {
   std::string cmd = argv0;
   if (!a.scenarioPath.empty()) cmd += " " + vsim::printable(a.scenarioPath);
   if (!a.builtin.empty()) cmd += " --builtin " + a.builtin;
+  if (a.builtin == "week" && a.gen.deviceGb != 4) cmd += " --device " + std::to_string(a.gen.deviceGb);
   return cmd + " --compare";
 }
 
@@ -171,6 +249,7 @@ int main(int argc, char** argv) {
       kProg};
   Args a;
   describe(app, a);
+  auto* importCmd = describeImport(app, a.import);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -181,11 +260,12 @@ int main(int argc, char** argv) {
 
   vsim::Scenario scenario;
   try {
+    if (importCmd->parsed()) return runImport(a.import);
     if (a.generate) {
       std::cout << vsim::dumpJson(vsim::generateScenario(a.gen).toJson()) << "\n";
       return kExitOk;
     }
-    scenario = chosenScenario(a);
+    scenario = chosenScenario(a, app.count("--device") > 0);
     if (a.printScenario) {
       std::cout << vsim::dumpJson(scenario.toJson()) << "\n";
       return kExitOk;
