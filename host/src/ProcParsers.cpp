@@ -1,7 +1,6 @@
 #include "ProcParsers.h"
 
 #include <charconv>
-#include <functional>
 #include <string_view>
 #include <vector>
 
@@ -25,7 +24,8 @@ class FirstError {
 };
 
 // Calls `fn(lineNo, line)` for every line, numbering from 1.
-void forEachLine(const std::string& text, const std::function<void(int, std::string_view)>& fn) {
+template <typename Fn>
+void forEachLine(const std::string& text, Fn&& fn) {
   std::string_view rest(text);
   for (int lineNo = 1; !rest.empty(); ++lineNo) {
     size_t end = rest.find('\n');
@@ -34,18 +34,35 @@ void forEachLine(const std::string& text, const std::function<void(int, std::str
   }
 }
 
-std::vector<std::string_view> splitWords(std::string_view line) {
-  std::vector<std::string_view> words;
-  size_t pos = 0;
-  while (true) {
-    pos = line.find_first_not_of(" \t\r", pos);
-    if (pos == std::string_view::npos) return words;
-    size_t end = line.find_first_of(" \t\r", pos);
-    words.push_back(line.substr(pos, end - pos));
-    if (end == std::string_view::npos) return words;
-    pos = end;
+// The blank-separated words of a line: the first kMax kept, all counted.
+// On the stack, since every line of every read passes through here.
+class Words {
+ public:
+  static constexpr size_t kMax = 24;
+
+  explicit Words(std::string_view line) {
+    const char* p = line.data();
+    const char* const end = p + line.size();
+    while (true) {
+      while (p != end && isBlank(*p)) ++p;
+      if (p == end) return;
+      const char* word = p;
+      while (p != end && !isBlank(*p)) ++p;
+      if (mCount < kMax) mWords[mCount] = std::string_view(word, static_cast<size_t>(p - word));
+      ++mCount;
+    }
   }
-}
+  size_t size() const { return mCount; }
+  bool empty() const { return mCount == 0; }
+  // Empty beyond the words kept.
+  std::string_view operator[](size_t i) const { return i < kMax ? mWords[i] : std::string_view(); }
+
+ private:
+  static bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+  std::string_view mWords[kMax];
+  size_t mCount = 0;
+};
 
 std::string_view trim(std::string_view s) {
   size_t begin = s.find_first_not_of(" \t\r\n");
@@ -69,7 +86,7 @@ std::string quoted(std::string_view s) { return "'" + std::string(s) + "'"; }
 // numeric lines of a process's status.
 bool parseKeyValue(std::string_view line, std::string_view* key, uint64_t* value, std::string* what) {
   size_t colon = line.find(':');
-  std::vector<std::string_view> words = splitWords(colon == std::string_view::npos ? "" : line.substr(colon + 1));
+  const Words words(colon == std::string_view::npos ? std::string_view() : line.substr(colon + 1));
   bool unitOk = words.size() == 1 || (words.size() == 2 && words[1] == "kB");
   if (colon == 0 || colon == std::string_view::npos || !unitOk) {
     *what = "expected 'Key: value [kB]', got " + quoted(line);
@@ -116,7 +133,7 @@ class ZoneinfoReader {
   ZoneinfoReader(ZoneInfo* out, FirstError* errors) : mOut(out), mErrors(errors) {}
 
   void line(int lineNo, std::string_view line) {
-    std::vector<std::string_view> words = splitWords(line);
+    const Words words(line);
     if (words.empty()) return;
     if (words[0] == "Node") return header(lineNo, line, words);
     if (words[0] == "per-node") {
@@ -131,7 +148,7 @@ class ZoneinfoReader {
 
  private:
   // "Node 0, zone   Normal"
-  void header(int lineNo, std::string_view line, const std::vector<std::string_view>& words) {
+  void header(int lineNo, std::string_view line, const Words& words) {
     mInNodeStats = false;
     mSeenHeader = true;
     mZone = nullptr;
@@ -143,7 +160,7 @@ class ZoneinfoReader {
   }
 
   // Adds the number in words[index] to `counter` (null: a line not kept).
-  void add(int lineNo, std::string_view line, const std::vector<std::string_view>& words, size_t index,
+  void add(int lineNo, std::string_view line, const Words& words, size_t index,
            uint64_t* counter) {
     if (!mSeenHeader) return mErrors->note(lineNo, "counter before any zone header: " + quoted(line));
     if (counter == nullptr) return;
@@ -163,20 +180,24 @@ class ZoneinfoReader {
 
 }  // namespace
 
-uint64_t MemInfo::get(const std::string& key) const {
-  auto it = values.find(key);
-  return it == values.end() ? 0 : it->second;
+// From the back: a key given twice counts as its last value.
+uint64_t MemInfo::get(std::string_view key) const {
+  for (auto it = values.rbegin(); it != values.rend(); ++it) {
+    if (it->first == key) return it->second;
+  }
+  return 0;
 }
 
 bool parseMeminfo(const std::string& text, MemInfo* out, std::string* error) {
   FirstError errors(error);
+  out->values.reserve(out->values.size() + 64);
   forEachLine(text, [&](int lineNo, std::string_view line) {
     if (trim(line).empty()) return;
     std::string_view key;
     uint64_t value = 0;
     std::string what;
     if (parseKeyValue(line, &key, &value, &what)) {
-      out->values[std::string(key)] = value;
+      out->values.emplace_back(key, value);
     } else {
       errors.note(lineNo, what);
     }
@@ -196,7 +217,7 @@ bool parseZoneinfo(const std::string& text, ZoneInfo* out, std::string* error) {
 // kernels append. Only the first three columns are relied on.
 bool parseZramMmStat(const std::string& text, ZramStat* out, std::string* error) {
   FirstError errors(error);
-  std::vector<std::string_view> words = splitWords(trim(text));
+  const Words words(trim(text));
   uint64_t orig = 0;
   uint64_t used = 0;
   if (words.size() < 3) {
@@ -246,7 +267,7 @@ bool parseProcStatStartTime(const std::string& text, uint64_t* out, std::string*
     errors.note(1, "no ')' after the process name");
     return errors.ok();
   }
-  std::vector<std::string_view> words = splitWords(trim(std::string_view(text).substr(close + 1)));
+  const Words words(trim(std::string_view(text).substr(close + 1)));
   if (words.size() < 20) {
     errors.note(1, "expected at least 22 fields, got " + std::to_string(words.size() + 2));
   } else if (!parseNumber(words[19], out)) {

@@ -10,17 +10,21 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace kxhost {
 
-// /proc/meminfo: key → value as written (KB for "kB" lines, a count otherwise).
+// /proc/meminfo: key → value as written (KB for "kB" lines, a count
+// otherwise), in the file's order. A flat list: some fifty short keys, of
+// which a reader looks up a dozen.
 struct MemInfo {
-  std::map<std::string, uint64_t> values;
+  std::vector<std::pair<std::string, uint64_t>> values;
 
   // 0 for a key the kernel does not report (e.g. CmaFree without CMA).
-  uint64_t get(const std::string& key) const;
+  uint64_t get(std::string_view key) const;
 };
 
 // Page counts of one zone, summed over NUMA nodes.
