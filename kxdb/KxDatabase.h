@@ -112,6 +112,11 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   int freeRow(vecT& rows) { return deallocateDR(rows); }
 
   bool isOpen() const { return mDb != nullptr; }
+  // Whether rows wait in the cache for a write-back.
+  bool hasCachedRows() {
+    std::lock_guard<std::mutex> lock(this->mCacheMutex);
+    return !this->mCacheList.empty();
+  }
   // Pauses slept waiting for locks held elsewhere, since construction.
   unsigned long lockWaits() const { return mBusy.waits(); }
 

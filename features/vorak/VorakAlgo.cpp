@@ -122,16 +122,11 @@ bool VorakAlgo::learnPerApp(std::string& name) {
 
   int64_t ionKgslSum = 0;
   int64_t rssSwapSum = 0;
-  {
-    VorakRowGuard<_vorak_Meter_Data> samples(mMeterDb,
-                                             mMeterDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
-    // The -1 and 0 markers of missing readings are summed like any value.
-    for (const auto* row : samples.rows()) {
-      if (row == nullptr) continue;
-      ionKgslSum += row->blob.ionKgsl;
-      rssSwapSum += row->blob.rssSwap;
-    }
-  }
+  // The -1 and 0 markers of missing readings are summed like any value.
+  mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [&](KxDBDataRowView<_vorak_Meter_Data>& row) {
+    ionKgslSum += row.blob().ionKgsl;
+    rssSwapSum += row.blob().rssSwap;
+  });
   // Divided by the stored count, also when a read is capped below it.
   if (!writeToActionDataBase(name, static_cast<long>(ionKgslSum / count), static_cast<long>(rssSwapSum / count)))
     return false;  // the samples stay for another try
@@ -186,7 +181,10 @@ bool VorakAlgo::writeToActionDataBase(std::string& name, long ionKgsl, long rssS
 
 // Writes the rows cached in the learnt table. A failure is transient (a lock
 // held elsewhere, a full disk): the name keeps its state and its samples.
+// With nothing cached there is nothing to write, and no transaction is
+// begun for it.
 bool VorakAlgo::writePending(const std::string& name) {
+  if (!mActionDb->hasCachedRows()) return true;
   if (mActionDb->KxDatabaseWriteCachedToDisk() == KXDB_SUCCESS) return true;
   const char* reason = *kxdb::lastError() != '\0' ? kxdb::lastError() : "write-back failed";
   VORAK_LOGE_IN(kTag, "writeToActionDataBase", "could not store the learnt row of %s: %s", name.c_str(), reason);
@@ -200,8 +198,7 @@ void VorakAlgo::printFsm() {
 void VorakAlgo::printDB() {
   for (const std::string& name : namesOf(mMeterDb)) {
     KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-    VorakRowGuard<_vorak_Meter_Data> samples(mMeterDb,
-                                             mMeterDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+    mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [](KxDBDataRowView<_vorak_Meter_Data>&) {});
   }
 }
 
