@@ -222,12 +222,12 @@ void BM_OpenRaw(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_WriteBackOurs)->Name("writeback/ours")->Arg(1)->Arg(100)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_WriteBackRaw)->Name("writeback/raw")->Arg(1)->Arg(100)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_ReadOurs)->Name("read/ours")->Arg(100)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_ReadRaw)->Name("read/raw")->Arg(100)->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_OpenOurs)->Name("open/ours")->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_OpenRaw)->Name("open/raw")->Arg(10000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_WriteBackOurs)->Name("writeback/ours")->Arg(1)->Arg(100)->Arg(10000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_WriteBackRaw)->Name("writeback/raw")->Arg(1)->Arg(100)->Arg(10000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ReadOurs)->Name("read/ours")->Arg(100)->Arg(10000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ReadRaw)->Name("read/raw")->Arg(100)->Arg(10000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_OpenOurs)->Name("open/ours")->Arg(10000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_OpenRaw)->Name("open/raw")->Arg(10000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
   kxhost::LogCapture quiet;  // keep the store's lines off the report

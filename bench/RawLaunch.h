@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -99,6 +100,7 @@ class RawLaunch : public Action, private VorakCheckedArithmetic {
     select(mDb.startProc, "SELECT *, rowid FROM Vorak ", [&](sqlite3_stmt* s, int) { move(intBlob(s), 2); });
 
     for (auto& list : mLists) list.clear();
+    mLists[0].reserve(n);
     for (size_t i = 0; i < n; ++i)
       if (mMoved[i] == 0) mLists[0].emplace_back(memoryOf(mListed[i]), mListed[i].pid);
     for (const auto& [i, list] : mMoves) mLists[list].emplace_back(memoryOf(mListed[i]), mListed[i].pid);
@@ -319,8 +321,10 @@ class RawLaunch : public Action, private VorakCheckedArithmetic {
   }
 
   bool killListed(int pid, uint64_t listedStart) const {
+    // Without pidfds (old kernels, emulators) the check is still made and
+    // the signal sent by pid, as the action does.
     const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (fd < 0) return false;
+    if (fd < 0 && errno != ENOSYS) return false;
     uint64_t now = 0;
     bool same;
     if (mStats.procStart != nullptr) {
@@ -329,8 +333,9 @@ class RawLaunch : public Action, private VorakCheckedArithmetic {
       const auto started = StatsProvider::getPIDStartTime(pid);
       same = started && *started == listedStart;
     }
-    const bool killed = same && syscall(SYS_pidfd_send_signal, fd, SIGKILL, nullptr, 0) == 0;
-    close(fd);
+    if (!same) return false;
+    const bool killed = (fd >= 0 ? syscall(SYS_pidfd_send_signal, fd, SIGKILL, nullptr, 0) : ::kill(pid, SIGKILL)) == 0;
+    if (fd >= 0) close(fd);
     return killed;
   }
 

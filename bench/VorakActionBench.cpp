@@ -157,7 +157,8 @@ void BM_LaunchProcOurs(benchmark::State& state) { launchOurs(state, true); }
 void BM_LaunchProcRaw(benchmark::State& state) { launchRaw(state, true); }
 
 void BM_StatsOurs(benchmark::State& state) {
-  kxbench::timeEach(state, [] {}, [] { benchmark::DoNotOptimize(bench().proc.sysStats()); });
+  kxhost::ProcStatsSource& proc = bench().proc;
+  kxbench::timeEach(state, [] {}, [&] { benchmark::DoNotOptimize(proc.sysStats()); });
 }
 
 void BM_StatsRaw(benchmark::State& state) {
@@ -167,13 +168,13 @@ void BM_StatsRaw(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_PrepareOurs)->Name("prepare/ours")->Arg(10)->Arg(300)->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PrepareRaw)->Name("prepare/raw")->Arg(10)->Arg(300)->Arg(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_LaunchOurs)->Name("launch/ours")->Arg(kLaunchCandidates)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_LaunchRaw)->Name("launch/raw")->Arg(kLaunchCandidates)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_LaunchProcOurs)->Name("launch-proc/ours")->Arg(kLaunchCandidates)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_LaunchProcRaw)->Name("launch-proc/raw")->Arg(kLaunchCandidates)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_StatsOurs)->Name("stats/ours")->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_StatsRaw)->Name("stats/raw")->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PrepareOurs)->Name("prepare/ours")->Arg(10)->Arg(300)->Arg(1000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PrepareRaw)->Name("prepare/raw")->Arg(10)->Arg(300)->Arg(1000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchOurs)->Name("launch/ours")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchRaw)->Name("launch/raw")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchProcOurs)->Name("launch-proc/ours")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchProcRaw)->Name("launch-proc/raw")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StatsOurs)->Name("stats/ours")->Arg(1)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StatsRaw)->Name("stats/raw")->Arg(1)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 BENCHMARK_MAIN();

@@ -286,10 +286,10 @@ void BM_LearningRaw(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_LearningOurs)->Name("learning/ours")->Arg(10)->Arg(100)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_LearningRaw)->Name("learning/raw")->Arg(10)->Arg(100)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LearningOurs)->Name("learning/ours")->Arg(10)->Arg(100)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LearningRaw)->Name("learning/raw")->Arg(10)->Arg(100)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMillisecond);
 // A run over 1000 names takes about 20 s on either side: three of each.
-BENCHMARK(BM_LearningOurs)->Name("learning/ours")->Arg(1000)->Iterations(1)->Repetitions(3)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_LearningRaw)->Name("learning/raw")->Arg(1000)->Iterations(1)->Repetitions(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LearningOurs)->Name("learning/ours")->Arg(1000)->Iterations(1)->Repetitions(3)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LearningRaw)->Name("learning/raw")->Arg(1000)->Iterations(1)->Repetitions(3)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
