@@ -312,7 +312,7 @@ class BenchDevice {
     mDir.write("bench/sys/block/zram0/disksize", std::to_string(s.zramSizeKB * 1024) + "\n");
   }
 
-  kxtest::TempDir mDir;
+  kxtest::TempDir mDir{deviceBase()};
   std::vector<pid_t> mPids;
   std::shared_ptr<BenchStats> mStats;
   std::unique_ptr<VorakFeature> mFeature;

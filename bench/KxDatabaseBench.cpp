@@ -188,7 +188,7 @@ class FileOfRows {
   std::string path() const { return mDir.sub("data/vendor/kx/Vorak.db"); }
 
  private:
-  kxtest::TempDir mDir;
+  kxtest::TempDir mDir{kxbench::deviceBase()};
 };
 
 void BM_OpenOurs(benchmark::State& state) {

@@ -241,7 +241,7 @@ class Learning {
   RawLearning& raw() { return *mRaw; }
 
  private:
-  kxtest::TempDir mDir;
+  kxtest::TempDir mDir{kxbench::deviceBase()};
   std::unique_ptr<VorakFeature> mFeature;
   FeatureState mState{"Vorak"};
   KxDatabase<_vorak_User_Launched_Data> mUser{100, "", "Vorak"};

@@ -478,7 +478,7 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
       Row* row = new (std::nothrow) Row;
       if (row == nullptr) {
         op.record(SQLITE_NOMEM, "new operator failure");
-        KXLOGE("KXDB", "ERROR:Dbt=%s new operator failure, allocated=%zu\n", table(), static_cast<size_t>(0));
+        KXLOGE_AS(op.name(), "KXDB", "ERROR:Dbt=%s new operator failure, allocated=%zu\n", table(), static_cast<size_t>(0));
         return false;
       }
       rows.push_back(row);

@@ -80,28 +80,27 @@ void VorakAlgo::populateFavoriteApps() {
   preferred.populateFavoriteApps(mUserLaunchedDb, mUserLaunchedDb2, mFavTimeSlotDb);
 }
 
+// The input rows are looked at, not kept: each is read as a view of the
+// query, and only a list still missing from the output is copied.
 bool VorakAlgo::populateAppServiceOutputDb() {
   KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
-  VorakRowGuard<_vorak_App_Service_In> inputs(
-      mAppServiceInDb, mAppServiceInDb->readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
-  for (auto* input : inputs.rows()) {
-    if (input == nullptr) continue;
+  mAppServiceInDb->readEachDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [&](KxDBDataRowView<_vorak_App_Service_In>& input) {
     // An output row is made once per application and never refreshed: the
     // input row keeps the first list anyway.
-    KxDBDataRowKey key(input->appName, KXDB_INTCOL_UNSET);
-    if (mAppServiceOutDb->getCountDR(key) >= 1) continue;
+    KxDBDataRowKey key(std::string(input.appName()), KXDB_INTCOL_UNSET);
+    if (mAppServiceOutDb->getCountDR(key) >= 1) return;
 
     VorakRowGuard<_vorak_App_Service_Out> output(mAppServiceOutDb, mAppServiceOutDb->allocateDR(1));
     if (output.rows().empty()) {
-      KXLOGE(kTag, "Could not allocate AppServiceOutput DB row");
-      continue;
+      VORAK_LOGE_IN(kTag, "populateAppServiceOutputDb", "Could not allocate AppServiceOutput DB row");
+      return;
     }
     auto* row = output.rows().front();
-    static_assert(sizeof(row->blob.serviceNames) == sizeof(input->blob.serviceNames), "service row layout");
-    std::memcpy(row->blob.serviceNames, input->blob.serviceNames, sizeof(row->blob.serviceNames));
-    row->appName = input->appName;
+    static_assert(sizeof(row->blob.serviceNames) == sizeof(input.blob().serviceNames), "service row layout");
+    std::memcpy(row->blob.serviceNames, input.blob().serviceNames, sizeof(row->blob.serviceNames));
+    row->appName = key.appName;
     mAppServiceOutDb->writeDeallocateDR(output.rows());
-  }
+  });
   return false;
 }
 

@@ -36,6 +36,16 @@ void forEachLine(const std::string& text, Fn&& fn) {
 
 // The blank-separated words of a line: the first kMax kept, all counted.
 // On the stack, since every line of every read passes through here.
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+std::string_view firstWord(std::string_view line) {
+  size_t begin = 0;
+  while (begin < line.size() && isBlank(line[begin])) ++begin;
+  size_t end = begin;
+  while (end < line.size() && !isBlank(line[end])) ++end;
+  return line.substr(begin, end - begin);
+}
+
 class Words {
  public:
   static constexpr size_t kMax = 24;
@@ -58,8 +68,6 @@ class Words {
   std::string_view operator[](size_t i) const { return i < kMax ? mWords[i] : std::string_view(); }
 
  private:
-  static bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
-
   std::string_view mWords[kMax];
   size_t mCount = 0;
 };
@@ -133,8 +141,12 @@ class ZoneinfoReader {
   ZoneinfoReader(ZoneInfo* out, FirstError* errors) : mOut(out), mErrors(errors) {}
 
   void line(int lineNo, std::string_view line) {
+    // Most lines (pagesets, watermarks, protection, node counters) feed
+    // nothing: they are passed over on their first word, unsplit.
+    const std::string_view first = firstWord(line);
+    const bool counter = !mInNodeStats && first.substr(0, 3) == "nr_";
+    if (!counter && first != "Node" && first != "per-node" && first != "pages") return;
     const Words words(line);
-    if (words.empty()) return;
     if (words[0] == "Node") return header(lineNo, line, words);
     if (words[0] == "per-node") {
       mInNodeStats = true;
@@ -180,24 +192,28 @@ class ZoneinfoReader {
 
 }  // namespace
 
-// From the back: a key given twice counts as its last value.
-uint64_t MemInfo::get(std::string_view key) const {
-  for (auto it = values.rbegin(); it != values.rend(); ++it) {
-    if (it->first == key) return it->second;
+int MemInfo::slot(std::string_view key) {
+  for (size_t i = 0; i < std::size(kKeys); ++i) {
+    if (kKeys[i] == key) return static_cast<int>(i);
   }
-  return 0;
+  return -1;
+}
+
+uint64_t MemInfo::get(std::string_view key) const {
+  const int i = slot(key);
+  return i >= 0 ? values[i] : 0;
 }
 
 bool parseMeminfo(const std::string& text, MemInfo* out, std::string* error) {
   FirstError errors(error);
-  out->values.reserve(out->values.size() + 64);
   forEachLine(text, [&](int lineNo, std::string_view line) {
     if (trim(line).empty()) return;
     std::string_view key;
     uint64_t value = 0;
     std::string what;
     if (parseKeyValue(line, &key, &value, &what)) {
-      out->values.emplace_back(key, value);
+      // A key given twice counts as its last value.
+      if (const int i = MemInfo::slot(key); i >= 0) out->values[i] = value;
     } else {
       errors.note(lineNo, what);
     }
