@@ -135,6 +135,14 @@ class BenchStats : public kxhost::StatsSource {
   kxhost::StatsSource* mStart = nullptr;
 };
 
+inline AsyncTriggerPayload hint(int id, int type, const std::string& app) {
+  AsyncTriggerPayload p;
+  p.hintID = id;
+  p.hintType = type;
+  p.appName = app;
+  return p;
+}
+
 class BenchDevice {
  public:
   static constexpr int kLearntRows = 1000;

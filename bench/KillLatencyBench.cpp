@@ -94,14 +94,6 @@ Latency& latency() {
   return l;
 }
 
-AsyncTriggerPayload hint(int id, int type, const std::string& app) {
-  AsyncTriggerPayload p;
-  p.hintID = id;
-  p.hintType = type;
-  p.appName = app;
-  return p;
-}
-
 void firstKill(benchmark::State& state, int prepareHint, int launchHint) {
   Latency& l = latency();
   if (l.children.pids().size() != static_cast<size_t>(kCandidates)) {
@@ -109,8 +101,8 @@ void firstKill(benchmark::State& state, int prepareHint, int launchHint) {
     return;
   }
   MemPerfd* hub = MemPerfd::getInstance();
-  const AsyncTriggerPayload prepare = hint(prepareHint, 0, "");
-  const AsyncTriggerPayload launch = hint(launchHint, 2, BenchDevice::kApp);
+  const AsyncTriggerPayload prepare = kxbench::hint(prepareHint, 0, "");
+  const AsyncTriggerPayload launch = kxbench::hint(launchHint, 2, BenchDevice::kApp);
   bool killed = true;
   kxbench::timeEach(
       state,

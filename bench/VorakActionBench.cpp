@@ -74,16 +74,8 @@ Bench& bench() {
   return b;
 }
 
-AsyncTriggerPayload hint(int id, int type, const std::string& app) {
-  AsyncTriggerPayload p;
-  p.hintID = id;
-  p.hintType = type;
-  p.appName = app;
-  return p;
-}
-
-const AsyncTriggerPayload kPrepare = hint(4162, 0, "");
-const AsyncTriggerPayload kLaunch = hint(4225, 2, BenchDevice::kApp);
+const AsyncTriggerPayload kPrepare = kxbench::hint(4162, 0, "");
+const AsyncTriggerPayload kLaunch = kxbench::hint(4225, 2, BenchDevice::kApp);
 
 bool ready(benchmark::State& state) {
   if (bench().zombies.pids().size() == static_cast<size_t>(kCandidates)) return true;

@@ -38,12 +38,11 @@ void forEachLine(const std::string& text, Fn&& fn) {
 // On the stack, since every line of every read passes through here.
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
-std::string_view firstWord(std::string_view line) {
-  size_t begin = 0;
-  while (begin < line.size() && isBlank(line[begin])) ++begin;
-  size_t end = begin;
-  while (end < line.size() && !isBlank(line[end])) ++end;
-  return line.substr(begin, end - begin);
+std::string_view skipBlanks(std::string_view line) {
+  const char* p = line.data();
+  const char* const end = p + line.size();
+  while (p != end && isBlank(*p)) ++p;
+  return std::string_view(p, static_cast<size_t>(end - p));
 }
 
 class Words {
@@ -142,10 +141,11 @@ class ZoneinfoReader {
 
   void line(int lineNo, std::string_view line) {
     // Most lines (pagesets, watermarks, protection, node counters) feed
-    // nothing: they are passed over on their first word, unsplit.
-    const std::string_view first = firstWord(line);
-    const bool counter = !mInNodeStats && first.substr(0, 3) == "nr_";
-    if (!counter && first != "Node" && first != "per-node" && first != "pages") return;
+    // nothing: they are passed over on how they begin, unsplit.
+    const std::string_view rest = skipBlanks(line);
+    auto startsWith = [rest](std::string_view prefix) { return rest.substr(0, prefix.size()) == prefix; };
+    const bool counter = !mInNodeStats && startsWith("nr_");
+    if (!counter && !startsWith("Node") && !startsWith("per-node") && !startsWith("pages")) return;
     const Words words(line);
     if (words[0] == "Node") return header(lineNo, line, words);
     if (words[0] == "per-node") {
