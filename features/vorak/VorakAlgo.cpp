@@ -80,8 +80,9 @@ void VorakAlgo::populateFavoriteApps() {
   preferred.populateFavoriteApps(mUserLaunchedDb, mUserLaunchedDb2, mFavTimeSlotDb);
 }
 
-// The input rows are looked at, not kept: each is read as a view of the
-// query, and only a list still missing from the output is copied.
+// The input rows are looked at, not kept: each is read as a view of
+// readAllocateDR's query instead of an allocated row, and only a list still
+// missing from the output is copied.
 bool VorakAlgo::populateAppServiceOutputDb() {
   KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
   mAppServiceInDb->readEachDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [&](KxDBDataRowView<_vorak_App_Service_In>& input) {
@@ -122,6 +123,8 @@ bool VorakAlgo::learnPerApp(std::string& name) {
   int64_t ionKgslSum = 0;
   int64_t rssSwapSum = 0;
   // The -1 and 0 markers of missing readings are summed like any value.
+  // Read as views instead of allocated rows (readAllocateDR's query, rows
+  // only summed): a departure that saves a heap object per sample.
   mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [&](KxDBDataRowView<_vorak_Meter_Data>& row) {
     ionKgslSum += row.blob().ionKgsl;
     rssSwapSum += row.blob().rssSwap;
@@ -194,6 +197,9 @@ void VorakAlgo::printFsm() {
   for (const std::string& name : namesOf(mMeterDb)) mFeatureState.readState(name);
 }
 
+// The walk reads every name's samples as views, readAllocateDR's query
+// without allocating and freeing the rows: it runs once per learnt name
+// over the whole table, and keeps nothing.
 void VorakAlgo::printDB() {
   for (const std::string& name : namesOf(mMeterDb)) {
     KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);

@@ -2,10 +2,10 @@
 //
 // It keeps the order of a multimap from memory to pid: ascending memory,
 // equal memories in the order they were added, a lookup by lower bound, the
-// last entry as the largest. A sorted vector instead of the multimap's
-// nodes: the lists are rebuilt at every preparation hint and read at every
-// launch, and one contiguous allocation costs a fraction of a node per
-// candidate.
+// last entry as the largest, entries removed as they are looked at. Departs
+// from the multimap itself for a sorted vector: the lists are rebuilt at
+// every preparation hint and read at every launch, and one contiguous
+// allocation costs a fraction of a node per candidate.
 #pragma once
 
 #include <algorithm>
