@@ -1,121 +1,43 @@
-// The launch path of the kill action beside the work it cannot avoid.
+// The kill action's hints and the statistics they read, each beside its raw
+// twin (RawLaunch, RawProcStats) in the same program.
 //
-// BM_LaunchPath: applyAction for a launch hint (4225, type 2) with 300
-// candidates and 1000 learnt rows: the favourite check, the budget from the
-// model, service accounting, the kill loop and the service pass.
-//
-// BM_IrreducibleWork: what any launch decision costs at least: one SQLite
-// select of the app's learnt row, straight through the C interface on the
-// same database file, and one system statistics read.
-//
-// Both run the same untimed setup before each iteration, the preparation
-// hint that rebuilds the candidate lists, so that both start from the same
-// state of tables, caches and lists. Only the work itself is timed, by hand:
-// pausing and resuming the library's timer reads the process and thread
-// clocks, a cost that would be counted into both figures alike and so make
-// their ratio look better than it is.
+// prepare/N: the preparation hint with N candidates listed: the candidate
+// lists rebuilt from the host's list, the favourite slot and the user
+// tables. launch/300: the launch hint after an untimed preparation: the
+// favourite check, the budget from the app's learnt row and the model,
+// service accounting, sparing the app's own processes, the kill loop with
+// its identity check per kill, and the service pass. launch-proc/300: the
+// same with the system statistics read from a proc tree of files and start
+// times from /proc, on both sides. stats/1: one read of the system
+// statistics from this machine's /proc and /sys.
 //
 // Candidates are the benchmark's own children that have already exited and
 // are kept unreaped: a zombie keeps its pid (no other process can take it),
-// passes the getpgid check and accepts kill(pid, 9) as a no-op. So the kill
-// loop runs as on a device, ending after the few kills that cover the
-// budget, while the kills land on nothing. Pids that getpgid rejects would
-// instead make every launch walk all 300 candidates with a failed system
-// call each, a case that a device never sees at every launch.
+// passes the getpgid check, can be pinned by a pidfd and takes SIGKILL as a
+// no-op. So the kill loop runs as on a device, ending after the few kills
+// that cover the budget, while the kills land on nothing.
 //
 // Kill reports are formatted but dropped by a null log sink: the log's
 // output is the host's cost, not the action's.
 
 #include <benchmark/benchmark.h>
-#include <signal.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "FeatureInfo.h"
-#include "FsRoot.h"
-#include "Properties.h"
-#include "StatsProvider.h"
-#include "VorakAction.h"
-#include "VorakFeature.h"
-#include "kxhost/LogCapture.h"
-#include "support/PutRows.h"
-#include "support/TempDir.h"
+#include "BenchDevice.h"
+#include "BenchSupport.h"
+#include "ProcStatsSource.h"
 
 namespace {
 
-constexpr int kCandidates = 300;
-constexpr int kLearntRows = 1000;
-const std::string kApp = "com.bench.app500";
+using kxbench::BenchDevice;
 
-class BenchStats : public kxhost::StatsSource {
- public:
-  explicit BenchStats(const std::vector<pid_t>& pids) {
-    mSys.totalKB = 3900000;
-    mSys.kernelStackKB = 20000;
-    mSys.reclaimableKB = 25000;
-    mSys.zramUsedKB = 150000;
-    mSys.zramOrigKB = 450000;
-    mSys.zramSizeKB = 1000000;
-    mSys.unreclaimableKB = 5000;
-    mSys.buffersKB = 40000;
-    mSys.sReclaimableKB = 70000;
-    mSys.sUnreclaimKB = 60000;
-    mSys.freeCmaKB = 8000;
-    mSys.mappedKB = 120000;
-    mSys.swapCachedKB = 10000;
-    mSys.pageTablesKB = 50000;
-    mSys.shmemKB = 30000;
-    mSys.normalFreeKB = 200000;
-    mSys.normalActiveAnonKB = 800000;
-    mSys.normalInactiveAnonKB = 400000;
-    mSys.normalActiveFileKB = 600000;
-    mSys.normalInactiveFileKB = 500000;
-    for (int i = 0; i < static_cast<int>(pids.size()); ++i) {
-      PIDStats p{};
-      p.pid = pids[i];
-      p.oomScoreAdj = 700 + i % 300;
-      p.rssFileKB = 1000 + 37 * i;
-      p.rssAnonSwapKB = 5000 + 113 * i;
-      p.gpuKB = 300 * (i % 7);
-      mProcs.push_back(p);
-    }
-  }
-  SysStats sysStats() override { return mSys; }
-  PIDStats pidStats(int pid) override {
-    for (const PIDStats& p : mProcs) {
-      if (p.pid == pid) return p;
-    }
-    PIDStats none{};
-    none.pid = -1;
-    return none;
-  }
-  std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
-    std::vector<PIDStats> out;
-    for (const PIDStats& p : mProcs) {
-      if (p.oomScoreAdj >= minAdj && p.oomScoreAdj <= maxAdj) out.push_back(p);
-    }
-    return out;
-  }
-
- private:
-  SysStats mSys{};
-  std::vector<PIDStats> mProcs;
-};
-
-class NullSink : public kxhost::LogSink {
- public:
-  void write(const kxhost::LogLine&) override {}
-};
+constexpr int kCandidates = 1000;
+constexpr int kLaunchCandidates = 300;
 
 // Children that exit at once and stay unreaped until the end.
 class Zombies {
@@ -126,7 +48,7 @@ class Zombies {
       if (pid == 0) _exit(0);
       if (pid < 0) break;
       siginfo_t info;
-      waitid(P_PID, pid, &info, WEXITED | WNOWAIT);
+      waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
       mPids.push_back(pid);
     }
   }
@@ -139,168 +61,112 @@ class Zombies {
   std::vector<pid_t> mPids;
 };
 
-// A device in use: a running feature, and an action over tables as a day of
-// use leaves them: 30 user-launched apps, 10 of them favourites of the
-// current slot, 1000 learnt rows, and the launching app's two services.
-class Device {
- public:
-  Device() {
-    kxhost::setLogSink(std::make_shared<NullSink>(), true);
-    kxhost::setFsRoot(mDir.path());
-    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
-    std::filesystem::create_directories(mDir.sub("vendor/etc/kx/vorak"));
-    std::filesystem::copy_file(std::string(VORAK_DEVICE_ROOT) + "/vendor/etc/kx/vorak/vorak_4GB.data",
-                               mDir.sub("vendor/etc/kx/vorak/vorak_4GB.data"));
-    kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
-    kxhost::setStatsSource(std::make_shared<BenchStats>(mZombies.pids()));
-    FeatureInfo info;
-    info.name = "Vorak";
-    mFeature = std::make_unique<VorakFeature>(info);
-    if (mFeature->isDisabled() || mZombies.pids().size() != static_cast<size_t>(kCandidates)) return;
-    for (auto* db : {&mUser, &mFavPid, &mStartProc}) db->KxDatabaseInit();
-    mFavSlot.KxDatabaseInit();
-    mServiceOut.KxDatabaseInit();
-    // The shipped model's safeload.
-    mAction = std::make_unique<VorakAction>(*mFeature, 0.18f, &mUser, &mFavPid, &mFavSlot, &mServiceOut,
-                                            &mStartProc);
-
-    // A budget of 40 MB: 0.18 * 3860000 - (1355000 - 700200).
-    auto* learnt = mAction->getActionOutputDb();
-    for (int i = 0; i < kLearntRows; i += 100) {
-      auto rows = learnt->allocateDR(100);
-      for (size_t j = 0; j < rows.size(); ++j) {
-        rows[j]->appName = "com.bench.app" + std::to_string(i + static_cast<int>(j));
-        rows[j]->blob.rssSwap = 600200;
-        rows[j]->blob.ionKgsl = 100000;
-      }
-      learnt->writeDeallocateDR(rows);
-    }
-    std::string favourites;
-    for (int i = 0; i < 30; ++i) {
-      const std::string app = "com.bench.app" + std::to_string(i);
-      const int pid = mZombies.pids()[kCandidates - 30 + i];
-      kxtest::putRows(mUser, app, 1, [&](auto& b) { b.value = pid; });
-      kxtest::putRows(mStartProc, app, 1, [&](auto& b) { b.value = pid; });
-      if (i < 10) {
-        kxtest::putRows(mFavPid, app, 1, [&](auto& b) { b.value = pid; });
-        favourites += app + "/";
-      }
-    }
-    std::string slot;
-    mAction->getWeekdayTimeslot(slot);
-    kxtest::putRows(mFavSlot, slot, 1, [&](auto& b) { favourites.copy(b.favoriteApps, sizeof(b.favoriteApps) - 1); });
-    kxtest::putRows(mServiceOut, kApp, 1, [](auto& b) {
-      std::strcpy(b.serviceNames[0], "vendor.bench.media");
-      std::strcpy(b.serviceNames[1], "vendor.bench.camera");
-    });
-  }
-  ~Device() {
-    mAction.reset();
-    mFeature.reset();
-    kxhost::setStatsSource(nullptr);
-    kxhost::clearProperties();
-    kxhost::setFsRoot("");
-    kxhost::setLogSink(nullptr);
-  }
-
-  VorakAction* action() { return mAction.get(); }
-  std::string actionDbPath() const { return mDir.sub("data/vendor/kx/Vorakaction.db"); }
-
- private:
-  kxtest::TempDir mDir;
-  Zombies mZombies;
-  std::unique_ptr<VorakFeature> mFeature;
-  KxDatabase<_vorak_User_Launched_Data> mUser{100, "", "Vorak"};
-  KxDatabase<_vorak_User_Launched_Data> mFavPid{100, "", "Vorak"};
-  KxDatabase<_vorak_User_Launched_Data> mStartProc{100, "", "Vorak"};
-  KxDatabase<_vorak_Favorite_Time_Slot_Data> mFavSlot{100, "", "Vorak"};
-  KxDatabase<_vorak_App_Service_Out> mServiceOut{100, "BenchServiceOP.db", "Vorak"};
-  std::unique_ptr<VorakAction> mAction;
+struct Bench {
+  Zombies zombies;
+  BenchDevice device{zombies.pids()};
+  kxhost::ProcStatsSource procTree{{device.procTree() + "/proc", device.procTree() + "/sys", 4}};
+  kxhost::ProcStatsSource proc;
+  kxbench::RawProcStats rawTree{device.procTree() + "/proc", device.procTree() + "/sys", 4};
 };
 
-Device& device() {
-  static Device d;
-  return d;
+Bench& bench() {
+  static Bench b;
+  return b;
 }
 
-AsyncTriggerPayload hint(int id, int type, const std::string& app) {
-  AsyncTriggerPayload p;
-  p.hintID = id;
-  p.hintType = type;
-  p.appName = app;
-  return p;
+const AsyncTriggerPayload kPrepare = kxbench::hint(4162, 0, "");
+const AsyncTriggerPayload kLaunch = kxbench::hint(4225, 2, BenchDevice::kApp);
+
+bool ready(benchmark::State& state) {
+  if (bench().zombies.pids().size() == static_cast<size_t>(kCandidates)) return true;
+  state.SkipWithError("could not start the candidate processes");
+  return false;
 }
 
-// Runs `setup` untimed, then times `work` alone.
-template <typename Setup, typename Work>
-void timeEach(benchmark::State& state, Setup setup, Work work) {
-  for (auto _ : state) {
-    state.PauseTiming();
-    setup();
-    state.ResumeTiming();
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    const auto end = std::chrono::steady_clock::now();
-    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+// Both sides must leave the same lists behind, or they did different work.
+void compareLists(benchmark::State& state) {
+  VorakAction& ours = bench().device.action();
+  const VorakAction::CandidateList* lists[] = {&ours.backgroundList(), &ours.favoriteList(), &ours.userLaunchedList()};
+  for (int i = 0; i < 3; ++i) {
+    const auto& raw = bench().device.raw().list(i);
+    if (!std::equal(lists[i]->begin(), lists[i]->end(), raw.begin(), raw.end()))
+      state.SkipWithError("the raw twin's candidate lists differ from the action's");
   }
 }
 
-const AsyncTriggerPayload kPrepare = hint(4162, 0, "");
-
-void BM_LaunchPath(benchmark::State& state) {
-  VorakAction* action = device().action();
-  if (action == nullptr) {
-    state.SkipWithError("feature did not start");
-    return;
-  }
-  const AsyncTriggerPayload launch = hint(4225, 2, kApp);
-  timeEach(
-      state, [&] { action->applyAction(kPrepare); }, [&] { action->applyAction(launch); });
-  // 270 background candidates before the launch; the budget takes one.
-  if (action->backgroundList().size() != 269 || action->favoriteList().size() != 10 ||
-      action->userLaunchedList().size() != 20) {
-    state.SkipWithError("unexpected candidate lists");
-  }
+void BM_PrepareOurs(benchmark::State& state) {
+  if (!ready(state)) return;
+  bench().device.stats().list(static_cast<size_t>(state.range(0)));
+  kxbench::timeEach(state, [] {}, [] { bench().device.action().applyAction(kPrepare); });
+  bench().device.raw().prepare();
+  compareLists(state);
 }
-BENCHMARK(BM_LaunchPath)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-void BM_IrreducibleWork(benchmark::State& state) {
-  VorakAction* action = device().action();
-  if (action == nullptr) {
-    state.SkipWithError("feature did not start");
-    return;
-  }
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(device().actionDbPath().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-    state.SkipWithError("cannot open the action database");
-    sqlite3_close(db);
-    return;
-  }
-  const std::string sql = "SELECT *, rowid FROM Vorak WHERE (appName) = ('" + kApp + "') ";
-  int found = 0;
-  timeEach(
-      state, [&] { action->applyAction(kPrepare); },
-      [&] {
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
-        _vorak_Feature_Action_Data row{};
-        while (sqlite3_step(stmt) == SQLITE_ROW) {
-          const void* blob = sqlite3_column_blob(stmt, 3);
-          if (blob != nullptr && sqlite3_column_bytes(stmt, 3) == static_cast<int>(sizeof(row))) {
-            std::memcpy(&row, blob, sizeof(row));
-            ++found;
-          }
-        }
-        sqlite3_finalize(stmt);
-        SysStats s = StatsProvider::getSysStats();
-        benchmark::DoNotOptimize(row);
-        benchmark::DoNotOptimize(s);
-      });
-  sqlite3_close(db);
-  if (found != static_cast<int>(state.iterations())) state.SkipWithError("the app's learnt row was not read");
+void BM_PrepareRaw(benchmark::State& state) {
+  if (!ready(state)) return;
+  bench().device.stats().list(static_cast<size_t>(state.range(0)));
+  kxbench::timeEach(state, [] {}, [] { bench().device.raw().prepare(); });
 }
-BENCHMARK(BM_IrreducibleWork)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// With `fromProc`, the system statistics come from the proc tree and start
+// times from /proc on both sides.
+void launchOurs(benchmark::State& state, bool fromProc) {
+  if (!ready(state)) return;
+  Bench& b = bench();
+  b.device.stats().list(static_cast<size_t>(state.range(0)));
+  if (fromProc) b.device.stats().useProc(&b.procTree, &b.proc);
+  VorakAction& action = b.device.action();
+  kxbench::timeEach(state, [&] { action.applyAction(kPrepare); }, [&] { action.applyAction(kLaunch); });
+  // The budget takes one background candidate; the app has no process.
+  if (fromProc) b.device.raw().setStats({&b.rawTree, "/proc"});
+  b.device.raw().prepare();
+  b.device.raw().launch(BenchDevice::kApp);
+  b.device.raw().setStats({});
+  b.device.stats().useProc(nullptr, nullptr);
+  compareLists(state);
+  const SysStats tree = b.procTree.sysStats();
+  const SysStats direct = b.rawTree.sysStats();
+  const SysStats designed = kxbench::BenchStats::designed();
+  if (std::memcmp(&tree, &designed, sizeof tree) != 0 || std::memcmp(&direct, &designed, sizeof tree) != 0)
+    state.SkipWithError("the proc tree does not read as the designed statistics");
+  if (action.backgroundList().size() + 1 + 10 + 20 != static_cast<size_t>(state.range(0)))
+    state.SkipWithError("the launch did not kill as designed");
+}
+
+void launchRaw(benchmark::State& state, bool fromProc) {
+  if (!ready(state)) return;
+  Bench& b = bench();
+  b.device.stats().list(static_cast<size_t>(state.range(0)));
+  kxbench::RawLaunch& raw = b.device.raw();
+  if (fromProc) raw.setStats({&b.rawTree, "/proc"});
+  kxbench::timeEach(state, [&] { raw.prepare(); }, [&] { raw.launch(BenchDevice::kApp); });
+  raw.setStats({});
+}
+
+void BM_LaunchOurs(benchmark::State& state) { launchOurs(state, false); }
+void BM_LaunchRaw(benchmark::State& state) { launchRaw(state, false); }
+void BM_LaunchProcOurs(benchmark::State& state) { launchOurs(state, true); }
+void BM_LaunchProcRaw(benchmark::State& state) { launchRaw(state, true); }
+
+void BM_StatsOurs(benchmark::State& state) {
+  kxhost::ProcStatsSource& proc = bench().proc;
+  kxbench::timeEach(state, [] {}, [&] { benchmark::DoNotOptimize(proc.sysStats()); });
+}
+
+void BM_StatsRaw(benchmark::State& state) {
+  const kxbench::RawProcStats raw("/proc", "/sys", static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024);
+  kxbench::timeEach(state, [] {}, [&] { benchmark::DoNotOptimize(raw.sysStats()); });
+}
 
 }  // namespace
+
+BENCHMARK(BM_PrepareOurs)->Name("prepare/ours")->Arg(10)->Arg(300)->Arg(1000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PrepareRaw)->Name("prepare/raw")->Arg(10)->Arg(300)->Arg(1000)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchOurs)->Name("launch/ours")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchRaw)->Name("launch/raw")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchProcOurs)->Name("launch-proc/ours")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LaunchProcRaw)->Name("launch-proc/raw")->Arg(kLaunchCandidates)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StatsOurs)->Name("stats/ours")->Arg(1)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StatsRaw)->Name("stats/raw")->Arg(1)->Apply(kxbench::countable)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 BENCHMARK_MAIN();

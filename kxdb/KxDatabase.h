@@ -30,6 +30,7 @@
 #include "kxdb/KxBusyHandler.h"
 #include "kxdb/KxDBDataRow.h"
 #include "kxdb/KxDBDataRowKey.h"
+#include "kxdb/KxDBDataRowView.h"
 #include "kxdb/KxDBDataTable.h"
 #include "kxdb/KxFailFast.h"
 #include "kxdb/KxFileHealth.h"
@@ -89,6 +90,12 @@ class KxDatabase<T> : public KxDBDataTable<T> {
 
   // Queries.
   vecT readAllocateDR(KxDBDataRowKey& key, unsigned long count, kxdbOrderByCol col, kxdbOrderByDir dir);
+  // Runs the query of readAllocateDR and hands each row to `onRow` as a
+  // KxDBDataRowView<T>&, valid during that call, instead of allocating it;
+  // returns the number of rows. For callers that only look at the rows.
+  template <typename OnRow>
+  size_t readEachDR(KxDBDataRowKey& key, unsigned long count, kxdbOrderByCol col, kxdbOrderByDir dir,
+                    OnRow&& onRow);
   int getCountDR(KxDBDataRowKey& key);
   int deleteAllDR(KxDBDataRowKey& key);
   std::vector<std::string> getTxtColUniqList(kxdbTxtCol col, kxdbOrderByCol orderCol, kxdbOrderByDir dir);
@@ -105,6 +112,11 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   int freeRow(vecT& rows) { return deallocateDR(rows); }
 
   bool isOpen() const { return mDb != nullptr; }
+  // Whether rows wait in the cache for a write-back.
+  bool hasCachedRows() {
+    std::lock_guard<std::mutex> lock(this->mCacheMutex);
+    return !this->mCacheList.empty();
+  }
   // Pauses slept waiting for locks held elsewhere, since construction.
   unsigned long lockWaits() const { return mBusy.waits(); }
 
@@ -135,6 +147,10 @@ class KxDatabase<T> : public KxDBDataTable<T> {
   void keepCached(Operation& op, std::list<Row*>& rows);
   static void freeRows(std::list<Row*>& rows);
   static void fillRow(Row* row, sqlite3_stmt* stmt);
+  std::string keyedStatement(const char* head, KxDBDataRowKey& key);
+  template <typename OnRow>
+  void selectRows(Operation& op, KxDBDataRowKey& key, unsigned long count, kxdbOrderByCol col, kxdbOrderByDir dir,
+                  OnRow&& onRow);
 
   sqlite3* mDb = nullptr;
   std::string mDbDir;
@@ -351,39 +367,45 @@ void KxDatabase<T>::rollbackIfOpen(Operation& op) {
 
 namespace kxdb_detail {
 
-// A text value as an SQL literal. Quotes inside are doubled, so that a name
-// can never end the literal early; names without quotes come out unchanged.
-inline std::string quoted(const std::string& text) {
-  std::string out;
-  out.reserve(text.size() + 2);
+// Appends a text value as an SQL literal. Quotes inside are doubled, so that
+// a name can never end the literal early; names without quotes come out
+// unchanged.
+inline void appendQuoted(std::string& out, const std::string& text) {
   out += '\'';
   for (char c : text) {
     if (c == '\'') out += '\'';
     out += c;
   }
   out += '\'';
-  return out;
 }
 
 }  // namespace kxdb_detail
 
+// Built in place in `query`, which every caller has just made and which
+// then needs no second buffer: the clause is on every query's path.
 template <typename T>
 void KxDatabase<T>::build_query_for_where_clause(KxDBDataRowKey& key, std::string& query) {
+  const bool byApp = !key.appName.empty();
+  const bool byRsvd = !key.rsvdName.empty();
+  const bool byInt = key.intcol1 != KXDB_INTCOL_UNSET;
+  if (!byApp && !byRsvd && !byInt) return;
   try {
-    std::string cols, values;
-    auto add = [&](const char* col, const std::string& value) {
-      if (!cols.empty()) {
-        cols += ',';
-        values += ',';
-      }
-      cols += col;
-      values += value;
+    query.reserve(query.size() + 48 + key.appName.size() + key.rsvdName.size());
+    query += "WHERE (";
+    const char* sep = "";
+    auto next = [&] {
+      query += sep;
+      sep = ",";
     };
-    if (!key.appName.empty()) add("appName", kxdb_detail::quoted(key.appName));
-    if (!key.rsvdName.empty()) add("rsvdName", kxdb_detail::quoted(key.rsvdName));
-    if (key.intcol1 != KXDB_INTCOL_UNSET) add("intcol1", std::to_string(key.intcol1));
-    if (cols.empty()) return;
-    query += "WHERE (" + cols + ") = (" + values + ") ";
+    if (byApp) next(), query += "appName";
+    if (byRsvd) next(), query += "rsvdName";
+    if (byInt) next(), query += "intcol1";
+    query += ") = (";
+    sep = "";
+    if (byApp) next(), kxdb_detail::appendQuoted(query, key.appName);
+    if (byRsvd) next(), kxdb_detail::appendQuoted(query, key.rsvdName);
+    if (byInt) next(), query += std::to_string(key.intcol1);
+    query += ") ";
   } catch (const std::exception& e) {
     KXLOGE("KXDB", "Caught exception: %s", e.what());
   } catch (...) {
@@ -393,18 +415,56 @@ void KxDatabase<T>::build_query_for_where_clause(KxDBDataRowKey& key, std::strin
 
 template <typename T>
 void KxDatabase<T>::fillRow(Row* row, sqlite3_stmt* stmt) {
-  if (sqlite3_column_type(stmt, 0) != SQLITE_NULL) row->intcol1 = sqlite3_column_int(stmt, 0);
-  const unsigned char* app = sqlite3_column_text(stmt, 1);
-  row->appName.assign(app != nullptr ? reinterpret_cast<const char*>(app) : "");
-  const unsigned char* rsvd = sqlite3_column_text(stmt, 2);
-  if (rsvd != nullptr) row->rsvdName.assign(reinterpret_cast<const char*>(rsvd));
-  // The store writes blobs of exactly sizeof(T); a shorter one (a file from
-  // elsewhere) is zero-padded instead of read past its end.
-  const void* blob = sqlite3_column_blob(stmt, 3);
-  size_t stored = static_cast<size_t>(sqlite3_column_bytes(stmt, 3));
-  size_t n = KXDB_memscpy(&row->blob, sizeof(T), blob != nullptr ? blob : "", blob != nullptr ? stored : 0);
-  if (n < sizeof(T)) std::memset(reinterpret_cast<char*>(&row->blob) + n, 0, sizeof(T) - n);
-  row->rowid = sqlite3_column_int64(stmt, 4);
+  const KxDBDataRowView<T> view(stmt);
+  row->intcol1 = view.intcol1();
+  row->appName.assign(view.appName());
+  row->rsvdName.assign(view.rsvdName());
+  KxDBDataRowView<T>::copyBlob(&row->blob, stmt);
+  row->rowid = view.rowid();
+}
+
+template <typename T>
+std::string KxDatabase<T>::keyedStatement(const char* head, KxDBDataRowKey& key) {
+  std::string sql;
+  sql.reserve(std::strlen(head) + this->mTableName.size() + 64 + key.appName.size() + key.rsvdName.size());
+  sql += head;
+  sql += this->mTableName;
+  sql += ' ';
+  build_query_for_where_clause(key, sql);
+  return sql;
+}
+
+// Steps the query of readAllocateDR, handing each row to `onRow` until it
+// returns false or `count` rows (after the store's cap) were taken.
+template <typename T>
+template <typename OnRow>
+void KxDatabase<T>::selectRows(Operation& op, KxDBDataRowKey& key, unsigned long count, kxdbOrderByCol col,
+                               kxdbOrderByDir dir, OnRow&& onRow) {
+  if (count > kMaxReadRows) {
+    KXLOG_AT(ANDROID_LOG_WARN, "KXDB", op.name(), __LINE__, "Dbt=%s Restrict reqCnt to %zu\n", table(), kMaxReadRows);
+    count = kMaxReadRows;
+  } else if (count == 0) {
+    count = kMaxReadRows;
+  }
+  std::string sql = keyedStatement("SELECT *, rowid FROM ", key);
+  if (col != KXDB_ORDER_BY_NONE) {
+    sql += " ORDER BY ";
+    sql += kKxdbOrderByColText[col];
+    sql += ' ';
+    sql += kKxdbOrderByDirText[dir];
+  }
+  SqliteStatement stmt;
+  if (!prepareLogged(op, stmt, sql)) return;
+  for (unsigned long taken = 0; taken < count; ++taken) {
+    if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
+      const int rc = sqlite3_reset(stmt.get());
+      if (rc != SQLITE_OK) op.sqlCode(rc);
+      break;
+    }
+    if (!onRow(stmt.get())) break;
+  }
+  const int rc = stmt.finalize();
+  if (rc != SQLITE_OK && !op.failed()) op.sqlCode(rc);
 }
 
 template <typename T>
@@ -413,36 +473,18 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
   Operation op(__func__, this->mTableName, mRefusalLogged);
   vecT rows;
   if (mDb == nullptr) return rows;
-  if (count > kMaxReadRows) {
-    KXLOGW("KXDB", "Dbt=%s Restrict reqCnt to %zu\n", table(), kMaxReadRows);
-    count = kMaxReadRows;
-  } else if (count == 0) {
-    count = kMaxReadRows;
-  }
   try {
-    std::string sql = "SELECT *, rowid FROM " + this->mTableName + " ";
-    build_query_for_where_clause(key, sql);
-    if (col != KXDB_ORDER_BY_NONE)
-      sql += std::string(" ORDER BY ") + kKxdbOrderByColText[col] + " " + kKxdbOrderByDirText[dir];
-    SqliteStatement stmt;
-    if (!prepareLogged(op, stmt, sql)) return rows;
-    while (rows.size() < count) {
-      if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
-        const int rc = sqlite3_reset(stmt.get());
-        if (rc != SQLITE_OK) op.sqlCode(rc);
-        break;
-      }
+    selectRows(op, key, count, col, dir, [&](sqlite3_stmt* stmt) {
       Row* row = new (std::nothrow) Row;
       if (row == nullptr) {
         op.record(SQLITE_NOMEM, "new operator failure");
-        KXLOGE("KXDB", "ERROR:Dbt=%s new operator failure, allocated=%zu\n", table(), static_cast<size_t>(0));
-        break;
+        KXLOGE_AS(op.name(), "KXDB", "ERROR:Dbt=%s new operator failure, allocated=%zu\n", table(), static_cast<size_t>(0));
+        return false;
       }
       rows.push_back(row);
-      fillRow(row, stmt.get());
-    }
-    const int rc = stmt.finalize();
-    if (rc != SQLITE_OK && !op.failed()) op.sqlCode(rc);
+      fillRow(row, stmt);
+      return true;
+    });
   } catch (const std::exception& e) {
     op.record(SQLITE_NOMEM, e.what());
     KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
@@ -455,14 +497,39 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
   return rows;
 }
 
+// Logs under readAllocateDR: it runs that operation's query, and the host's
+// log readers know the failures of reads by that name.
+template <typename T>
+template <typename OnRow>
+size_t KxDatabase<T>::readEachDR(KxDBDataRowKey& key, unsigned long count, kxdbOrderByCol col,
+                                 kxdbOrderByDir dir, OnRow&& onRow) {
+  Operation op("readAllocateDR", this->mTableName, mRefusalLogged);
+  size_t rows = 0;
+  if (mDb == nullptr) return rows;
+  try {
+    selectRows(op, key, count, col, dir, [&](sqlite3_stmt* stmt) {
+      KxDBDataRowView<T> view(stmt);
+      ++rows;
+      onRow(view);
+      return true;
+    });
+  } catch (const std::exception& e) {
+    op.record(SQLITE_NOMEM, e.what());
+    KXLOGE_AS(op.name(), "KXDB", "Caught exception: %s in %s", e.what(), op.name());
+  } catch (...) {
+    op.record(SQLITE_NOMEM, "exception");
+    KXLOGE_AS(op.name(), "KXDB", "Error in std::string operations in %s", op.name());
+  }
+  return rows;
+}
+
 template <typename T>
 int KxDatabase<T>::getCountDR(KxDBDataRowKey& key) {
   Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return 0;
   int count = 0;
   try {
-    std::string sql = "SELECT COUNT(*) FROM " + this->mTableName + " ";
-    build_query_for_where_clause(key, sql);
+    const std::string sql = keyedStatement("SELECT COUNT(*) FROM ", key);
     SqliteStatement stmt;
     if (!prepareLogged(op, stmt, sql)) return 0;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int(stmt.get(), 0);
@@ -488,8 +555,7 @@ int KxDatabase<T>::deleteAllDR(KxDBDataRowKey& key) {
   if (mDb == nullptr) return 0;
   int deleted = 0;
   try {
-    std::string sql = "DELETE FROM " + this->mTableName + " ";
-    build_query_for_where_clause(key, sql);
+    const std::string sql = keyedStatement("DELETE FROM ", key);
     SqliteStatement stmt;
     if (!prepareLogged(op, stmt, sql)) return 0;
     const int rc = sqlite3_step(stmt.get());

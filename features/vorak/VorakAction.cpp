@@ -12,7 +12,6 @@
 #include <exception>
 #include <fstream>
 #include <limits>
-#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -24,6 +23,7 @@
 #include "Vorak.pb.h"
 #include "VorakAppName.h"
 #include "VorakFeature.h"
+#include "VorakModelInputs.h"
 #include "WallClock.h"
 #include "kxdb/KxFailFast.h"
 #include "kxdb/KxLog.h"
@@ -61,31 +61,6 @@ std::string modelFileName(uint64_t totalKB) {
     name += "6GB.data";
   }
   return name;
-}
-
-constexpr size_t input(std::string_view name) {
-  for (size_t i = 0; i < kVorakFeatureNames.size(); ++i) {
-    if (kVorakFeatureNames[i] == name) return i;
-  }
-  return kVorakFeatureNames.size();
-}
-
-// Index of a model input, checked at compile time.
-#define VORAK_INPUT(name)                                                      \
-  ([] {                                                                        \
-    constexpr size_t i = input(name);                                          \
-    static_assert(i < kVorakFeatureNames.size(), "unknown model input " name); \
-    return i;                                                                  \
-  }())
-
-// A float figure as a whole number, truncated toward zero. Out-of-range
-// values saturate and NaN gives 0, as the target's conversion does, instead
-// of being undefined.
-int toInt(float v) {
-  if (v != v) return 0;
-  if (v <= -2147483648.0f) return std::numeric_limits<int>::min();
-  if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
-  return static_cast<int>(v);
 }
 
 // A NUL-terminated text in a fixed-size field, bounded by the field.
@@ -140,6 +115,12 @@ KillResult killIfListed(int pid, uint64_t listedStart) {
 
 bool byPid(const PIDStats& a, const PIDStats& b) { return a.pid < b.pid; }
 
+// What killing the process frees (KB): its graphics, anonymous-plus-swap
+// and file memory, 0 when their sum overflows.
+long memoryOf(const PIDStats& p) {
+  return static_cast<long>(VorakCheckedArithmetic::checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
+}
+
 std::string_view commOf(const PIDStats& p) { return std::string_view(p.comm, strnlen(p.comm, sizeof(p.comm))); }
 
 // Whether a process name as the kernel keeps it belongs to `app`. Android
@@ -155,20 +136,22 @@ bool namedAfter(std::string_view comm, std::string_view app) {
          app.substr(app.size() - package.size()) == package;
 }
 
-template <typename T>
-void release(KxDatabase<T>* db, typename KxDBDataTable<T>::vecT& rows) {
-  if (db != nullptr) {
-    db->deallocateDR(rows);
-  }
+// Hands each row named `name` (every row for an empty name) to `onRow` as a
+// view, without copying the rows out; returns their number. No limit of
+// the caller's: the store's own cap applies. Departs from taking the rows
+// with readAllocateDR and freeing them: the query is the same, but the
+// launch path only looks at its rows, and a heap object per row was most
+// of its cost beyond SQLite's.
+template <typename T, typename OnRow>
+size_t eachRow(KxDatabase<T>* db, const std::string& name, OnRow&& onRow) {
+  if (db == nullptr) return 0;
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  return db->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, onRow);
 }
 
-// Rows named `name` (every row for an empty name); a limit of 0 means the
-// store's own cap.
 template <typename T>
-typename KxDBDataTable<T>::vecT readRows(KxDatabase<T>* db, const std::string& name) {
-  if (db == nullptr) return {};
-  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-  return db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+size_t countRows(KxDatabase<T>* db, const std::string& name) {
+  return eachRow(db, name, [](KxDBDataRowView<T>&) {});
 }
 
 }  // namespace
@@ -189,6 +172,11 @@ VorakAction::VorakAction(VorakFeature& feature, float safeload, KxDatabase<_vora
     loadModel();
     for (size_t i = 0; i < kVorakFeatureNames.size(); ++i) {
       mInputs[i] = &mFeatures[std::string(kVorakFeatureNames[i])];
+    }
+    // The map is complete: its iteration order, which the score follows,
+    // no longer changes.
+    for (auto& [name, f] : mFeatures) {
+      if (f.min != f.max) mScored.push_back(&f);
     }
 
     mActionDb = new (std::nothrow) KxDatabase<_vorak_Feature_Action_Data>(1000, "Vorakaction.db", "Vorak");
@@ -281,12 +269,9 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
 
   // With nothing learnt about the user yet, let the host seed the favourites.
   if (mUserDb != nullptr && mFavTimeSlotDb != nullptr) {
-    auto users = readRows(mUserDb, std::string());
-    auto slots = readRows(mFavTimeSlotDb, std::string());
-    if (users.empty() && slots.empty())
-      FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
-    release(mUserDb, users);
-    release(mFavTimeSlotDb, slots);
+    const size_t users = countRows(mUserDb, std::string());
+    const size_t slots = countRows(mFavTimeSlotDb, std::string());
+    if (users == 0 && slots == 0) FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
   }
 
   mSurplus = 0;
@@ -343,8 +328,7 @@ void VorakAction::killFrom(CandidateList& list, bool spareProtected, const char*
       kills = 0;
     }
     // The smallest process that alone covers the rest, else the largest.
-    auto it = list.lower_bound(static_cast<long>(remaining));
-    if (it == list.end()) it = std::prev(it);
+    const auto it = list.choose(static_cast<long>(remaining));
     const long memKB = it->first;
     const int pid = it->second;
 
@@ -398,131 +382,29 @@ float VorakAction::decideKill(std::string appName) {
   // The app's learnt needs, narrowed to 32 bits as the model was fitted on.
   int killsafeANON = 0;
   int killsafeUNRECLAIM = 0;
-  {
-    auto rows = readRows(mActionDb, appName);
-    if (rows.empty() || rows.front() == nullptr) {
-      release(mActionDb, rows);
-      if (trace) KXLOGE("VorakAction", "No entry in O/P DB for App = (%s)", appName.c_str());
-      return 0;
-    }
-    killsafeANON = static_cast<int32_t>(static_cast<uint32_t>(rows.front()->blob.rssSwap));
-    killsafeUNRECLAIM = static_cast<int32_t>(static_cast<uint32_t>(rows.front()->blob.ionKgsl));
-    release(mActionDb, rows);
+  bool first = true;
+  const size_t learnt = eachRow(mActionDb, appName, [&](KxDBDataRowView<_vorak_Feature_Action_Data>& row) {
+    if (!first) return;
+    first = false;
+    killsafeANON = static_cast<int32_t>(static_cast<uint32_t>(row.blob().rssSwap));
+    killsafeUNRECLAIM = static_cast<int32_t>(static_cast<uint32_t>(row.blob().ionKgsl));
+  });
+  if (learnt == 0) {
+    if (trace) KXLOGE("VorakAction", "No entry in O/P DB for App = (%s)", appName.c_str());
+    return 0;
   }
 
-  const SysStats s = StatsProvider::getSysStats();
-
-  const int freeKB = checkOverflowAndAdd(s.dmaFreeKB, s.normalFreeKB, s.movableFreeKB, s.highMemFreeKB);
-  const int file = checkOverflowAndAdd(s.dmaActiveFileKB, s.dmaInactiveFileKB, s.normalActiveFileKB,
-                                       s.normalInactiveFileKB, s.movableActiveFileKB, s.movableInactiveFileKB,
-                                       s.highMemActiveFileKB, s.highMemInactiveFileKB);
-  const int anon = checkOverflowAndAdd(s.dmaActiveAnonKB, s.dmaInactiveAnonKB, s.normalActiveAnonKB,
-                                       s.normalInactiveAnonKB, s.movableActiveAnonKB, s.movableInactiveAnonKB,
-                                       s.highMemActiveAnonKB, s.highMemInactiveAnonKB);
-  const int pageCache = toInt(checkAndDiff(file, checkOverflowAndAdd(s.swapCachedKB, s.buffersKB)));
-  const int cachedKB = toInt(checkAndDiff(pageCache, s.shmemKB));
-  const int accounted = checkOverflowAndAdd(
-      checkOverflowAndAdd(freeKB, pageCache, anon),
-      checkOverflowAndAdd(s.swapCachedKB, s.buffersKB, s.pageTablesKB, s.kernelStackKB, s.sUnreclaimKB,
-                          s.sReclaimableKB, s.zramUsedKB, s.unreclaimableKB, s.reclaimableKB));
-  const int other = toInt(checkAndDiff(s.totalKB, accounted));
-  const int load =
-      checkOverflowAndAdd(anon, other, s.sReclaimableKB, s.sUnreclaimKB, s.zramUsedKB, s.unreclaimableKB);
-  const int mload = checkOverflowAndAdd(anon, s.zramUsedKB);
-  const int nmload = checkOverflowAndAdd(s.sUnreclaimKB, s.unreclaimableKB, s.sReclaimableKB, other);
-  const int available = checkOverflowAndAdd(
-      freeKB, checkOverflowAndAdd(s.sReclaimableKB, s.reclaimableKB, s.buffersKB), cachedKB);
-  const int aPlusL = checkOverflowAndAdd(available, load);
-  const int newLoad = checkOverflowAndAdd(killsafeANON, killsafeUNRECLAIM);
-  const float freeAfter = checkAndDiff(available, newLoad);
-  const int compressable = checkOverflowAndAdd(anon, s.mappedKB);
-  // KB to 4-KB pages.
-  const float activeFile = checkOverflowAndMult(
-      static_cast<float>(checkOverflowAndAdd(s.dmaActiveFileKB, s.normalActiveFileKB, s.movableActiveFileKB,
-                                             s.highMemActiveFileKB)),
-      0.25);
-  const float activeAnon = checkOverflowAndMult(
-      static_cast<float>(checkOverflowAndAdd(s.dmaActiveAnonKB, s.normalActiveAnonKB, s.movableActiveAnonKB,
-                                             s.highMemActiveAnonKB)),
-      0.25);
-  const float inactiveFile = checkOverflowAndMult(
-      static_cast<float>(checkOverflowAndAdd(s.dmaInactiveFileKB, s.normalInactiveFileKB,
-                                             s.movableInactiveFileKB, s.highMemInactiveFileKB)),
-      0.25);
-  const float inactiveAnon = checkOverflowAndMult(
-      static_cast<float>(checkOverflowAndAdd(s.dmaInactiveAnonKB, s.normalInactiveAnonKB,
-                                             s.movableInactiveAnonKB, s.highMemInactiveAnonKB)),
-      0.25);
-
-  auto set = [this](size_t i, float v) { mInputs[i]->value = v; };
-  set(VORAK_INPUT("FreeKB"), freeKB);
-  set(VORAK_INPUT("CachedKB"), cachedKB);
-  set(VORAK_INPUT("BuffersKB"), s.buffersKB);
-  set(VORAK_INPUT("SReclaimKB"), s.sReclaimableKB);
-  set(VORAK_INPUT("SlabKB"), checkOverflowAndAdd(s.sReclaimableKB, s.sUnreclaimKB));
-  set(VORAK_INPUT("ZUsedKB"), s.zramUsedKB);
-  set(VORAK_INPUT("UnReclaimableKB"), s.unreclaimableKB);
-  set(VORAK_INPUT("ReclaimableKB"), s.reclaimableKB);
-  set(VORAK_INPUT("ZOrigKB"), s.zramOrigKB);
-  set(VORAK_INPUT("TotalAnonPages"), anon / 4);
-  set(VORAK_INPUT("nrFreeCMAPages"), s.freeCmaKB >> 2);
-  set(VORAK_INPUT("MappedFileKB"), s.mappedKB);
-  set(VORAK_INPUT("highMem_nr_free_pages"), s.highMemFreeKB >> 2);
-  set(VORAK_INPUT("highMem_nr_inactive_anon"), s.highMemInactiveAnonKB >> 2);
-  set(VORAK_INPUT("highMem_nr_active_anon"), s.highMemActiveAnonKB >> 2);
-  set(VORAK_INPUT("highMem_nr_inactive_file"), s.highMemInactiveFileKB >> 2);
-  set(VORAK_INPUT("highMem_nr_active_file"), s.highMemActiveFileKB >> 2);
-  set(VORAK_INPUT("dma_nr_free_pages"), s.dmaFreeKB >> 2);
-  set(VORAK_INPUT("dma_nr_inactive_anon"), s.dmaInactiveAnonKB >> 2);
-  set(VORAK_INPUT("dma_nr_active_anon"), s.dmaActiveAnonKB >> 2);
-  set(VORAK_INPUT("dma_nr_inactive_file"), s.dmaInactiveFileKB >> 2);
-  set(VORAK_INPUT("dma_nr_active_file"), s.dmaActiveFileKB >> 2);
-  set(VORAK_INPUT("normal_nr_free_pages"), s.normalFreeKB >> 2);
-  set(VORAK_INPUT("normal_nr_inactive_anon"), s.normalInactiveAnonKB >> 2);
-  set(VORAK_INPUT("normal_nr_active_anon"), s.normalActiveAnonKB >> 2);
-  set(VORAK_INPUT("normal_nr_inactive_file"), s.normalInactiveFileKB >> 2);
-  set(VORAK_INPUT("normal_nr_active_file"), s.normalActiveFileKB >> 2);
-  set(VORAK_INPUT("movable_nr_free_pages"), s.movableFreeKB >> 2);
-  set(VORAK_INPUT("movable_nr_inactive_anon"), s.movableInactiveAnonKB >> 2);
-  set(VORAK_INPUT("movable_nr_active_anon"), s.movableActiveAnonKB >> 2);
-  set(VORAK_INPUT("killsafeANON"), killsafeANON);
-  set(VORAK_INPUT("killsafeUNRECLAIM"), killsafeUNRECLAIM);
-  set(VORAK_INPUT("available"), available);
-  set(VORAK_INPUT("load"), load);
-  set(VORAK_INPUT("a_plus_l"), aPlusL);
-  set(VORAK_INPUT("nmload"), nmload);
-  set(VORAK_INPUT("mload"), mload);
-  set(VORAK_INPUT("newLoad"), newLoad);
-  const float freeByLoad = freeAfter / static_cast<float>(checkOverflowAndAdd(newLoad, load));
-  set(VORAK_INPUT("freeByTotal"), freeAfter / static_cast<float>(aPlusL));
-  set(VORAK_INPUT("freeByLoad"), freeByLoad);
-  const float zramCapacity =
-      checkAndDiff(checkOverflowAndMult(2, s.zramSizeKB), s.zramOrigKB) / static_cast<float>(s.zramSizeKB);
-  set(VORAK_INPUT("zramCapacity"), zramCapacity);
-  set(VORAK_INPUT("compressable"), compressable);
-  set(VORAK_INPUT("zramEff"), static_cast<float>(checkOverflowAndMult(compressable, 100)) /
-                                  static_cast<float>(checkOverflowAndAdd(s.zramOrigKB, compressable)));
-  set(VORAK_INPUT("grandRatio"), freeByLoad / zramCapacity);
-  set(VORAK_INPUT("activeFile"), activeFile);
-  set(VORAK_INPUT("activeAnon"), activeAnon);
-  set(VORAK_INPUT("inactiveFile"), inactiveFile);
-  set(VORAK_INPUT("inactiveAnon"), inactiveAnon);
-  // Pages and KB mixed on purpose: the model was fitted on this ratio.
-  const int vmpUsed = checkOverflowAndAdd(killsafeANON, activeFile, activeAnon);
-  const int vmpAll =
-      checkOverflowAndAdd(freeKB, killsafeANON, activeFile, activeAnon, inactiveFile, inactiveAnon);
-  set(VORAK_INPUT("wholesome_vmp"),
-      checkOverflowAndMult(static_cast<float>(vmpUsed) / static_cast<float>(vmpAll), 100));
-  const float howMuchToKill = checkAndDiff(checkOverflowAndMult(mSafeload, aPlusL), freeAfter);
-  set(VORAK_INPUT("howMuchToKill"), howMuchToKill);
+  VorakModelInputs::Values values;
+  const float howMuchToKill = VorakModelInputs::compute(StatsProvider::getSysStats(), killsafeANON,
+                                                        killsafeUNRECLAIM, mSafeload, values);
+  for (size_t i = 0; i < values.size(); ++i) mInputs[i]->value = values[i];
 
   // Linear score. Every step saturates to 0; -1.0 is the failure value of
   // the float operations, so a result of exactly -1.0 counts as 0 as well.
   float sum = 0;
-  for (auto& [name, f] : mFeatures) {
-    if (f.min == f.max) continue;
-    f.normalised = checkAndDiff(f.value, f.min) / checkAndDiff(f.max, f.min);
-    const float term = checkOverflowAndMult(f.weight, f.normalised);
+  for (MLModelFeature* f : mScored) {
+    f->normalised = checkAndDiff(f->value, f->min) / checkAndDiff(f->max, f->min);
+    const float term = checkOverflowAndMult(f->weight, f->normalised);
     sum = checkOverflowAndAdd(sum, term);
   }
   sum = checkOverflowAndAdd(sum, mBias);
@@ -565,61 +447,69 @@ int VorakAction::getWeekdayTimeslot(std::string& slotKey) {
 }
 
 bool VorakAction::moveFromBackground(int pid, CandidateList& to) {
-  auto found = mBackgroundByPid.find(pid);
-  if (found == mBackgroundByPid.end()) return false;
-  to.emplace(found->second->first, pid);
-  mBackgroundList.erase(found->second);
-  mBackgroundByPid.erase(found);
+  // The first listed entry of the pid, as a multimap keyed by pid would
+  // find it; an entry moved once is not moved again.
+  const auto it = std::lower_bound(mByPid.begin(), mByPid.end(), std::make_pair(pid, size_t{0}));
+  if (it == mByPid.end() || it->first != pid || mMoved[it->second]) return false;
+  mMoved[it->second] = true;
+  mMoves.emplace_back(it->second, &to);
   return true;
 }
 
 void VorakAction::generateTaskList() {
   mBackgroundList.clear();
-  mBackgroundByPid.clear();
   mFavoriteList.clear();
   mUserLaunchedList.clear();
 
   // Killing a process frees about its file, anonymous-plus-swap and
-  // graphics memory together.
+  // graphics memory together. Favourites and user-launched apps are first
+  // marked and then taken out, in the order they are found, as entries
+  // taken out of a multimap and put into another would be ordered.
   mListed = StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj);
-  for (const PIDStats& p : mListed) {
-    const long key = static_cast<long>(checkOverflowAndAdd(p.gpuKB, p.rssAnonSwapKB, p.rssFileKB));
-    mBackgroundByPid.emplace(p.pid, mBackgroundList.emplace(key, p.pid));
-  }
-  if (!std::is_sorted(mListed.begin(), mListed.end(), byPid)) std::sort(mListed.begin(), mListed.end(), byPid);
+  const size_t n = mListed.size();
+  mByPid.clear();
+  mByPid.reserve(n);
+  for (size_t i = 0; i < n; ++i) mByPid.emplace_back(mListed[i].pid, i);
+  if (!std::is_sorted(mByPid.begin(), mByPid.end())) std::sort(mByPid.begin(), mByPid.end());
+  mMoved.assign(n, false);
+  mMoves.clear();
 
   // Favourites of the current slot go last among the background processes.
   std::string slot;
   if (getWeekdayTimeslot(slot) == 0 && mFavTimeSlotDb != nullptr) {
-    auto rows = readRows(mFavTimeSlotDb, slot);
     std::vector<std::string> favorites;
-    // A slot with several rows is reported and its first row still used:
-    // one broken slot should not cost the user every favourite.
-    if (rows.size() > 1) {
-      KXLOGE("VorakAction", "There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot.");
-    }
-    if (!rows.empty() && rows.front() != nullptr) {
-      std::istringstream apps(
-          fieldText(rows.front()->blob.favoriteApps, sizeof(rows.front()->blob.favoriteApps)));
-      for (std::string app; std::getline(apps, app, '/');) {
+    bool firstRow = true;
+    const size_t slots = eachRow(mFavTimeSlotDb, slot, [&](KxDBDataRowView<_vorak_Favorite_Time_Slot_Data>& row) {
+      if (!firstRow) return;
+      firstRow = false;
+      const auto& field = row.blob().favoriteApps;
+      std::string_view apps(field, strnlen(field, sizeof(field)));
+      while (!apps.empty()) {
+        const size_t end = std::min(apps.find('/'), apps.size());
         // An empty name (from "a//b") is no app: as a key it would select
         // every row of the table.
-        if (!app.empty()) favorites.push_back(app);
+        if (end > 0) favorites.emplace_back(apps.substr(0, end));
+        apps.remove_prefix(std::min(end + 1, apps.size()));
       }
+    });
+    // A slot with several rows is reported and its first row still used:
+    // one broken slot should not cost the user every favourite.
+    if (slots > 1) {
+      KXLOGE("VorakAction", "There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot.");
     }
-    release(mFavTimeSlotDb, rows);
 
     for (const std::string& app : favorites) {
-      auto pidRows = readRows(mFavPidDb, app);
-      if (pidRows.empty()) {
+      int pid = 0;
+      const size_t rows =
+          eachRow(mFavPidDb, app, [&](KxDBDataRowView<_vorak_User_Launched_Data>& row) { pid = row.blob().value; });
+      if (rows == 0) {
         KXLOGE("VorakAction", "The App (%s) entry is missing from FavPID DB", app.c_str());
-      } else if (pidRows.size() > 1) {
+      } else if (rows > 1) {
         KXLOGE("VorakAction", "There is some problem with App = (%s) as it has > 1 entries in FavPID DB.",
                app.c_str());
-      } else if (pidRows.front() != nullptr) {
-        moveFromBackground(pidRows.front()->blob.value, mFavoriteList);
+      } else {
+        moveFromBackground(pid, mFavoriteList);
       }
-      release(mFavPidDb, pidRows);
     }
   }
 
@@ -627,12 +517,17 @@ void VorakAction::generateTaskList() {
   // app's own process, recorded when the launch completed, and it is not
   // being rewritten for the very hint that triggers this rebuild, as the
   // User table is (the worker updates it on the same preparation hint).
-  auto users = readRows(mStartProcDb, std::string());
-  for (const auto* row : users) {
-    if (row != nullptr) moveFromBackground(row->blob.value, mUserLaunchedList);
+  eachRow(mStartProcDb, std::string(), [&](KxDBDataRowView<_vorak_User_Launched_Data>& row) {
+    moveFromBackground(row.blob().value, mUserLaunchedList);
+  });
+
+  mBackgroundList.reserve(n - mMoves.size());
+  for (size_t i = 0; i < n; ++i) {
+    if (!mMoved[i]) mBackgroundList.add(memoryOf(mListed[i]), mListed[i].pid);
   }
-  release(mStartProcDb, users);
-  mBackgroundByPid.clear();
+  for (const auto& [i, list] : mMoves) list->add(memoryOf(mListed[i]), mListed[i].pid);
+  for (CandidateList* list : {&mBackgroundList, &mFavoriteList, &mUserLaunchedList}) list->sortByMemory();
+  if (!std::is_sorted(mListed.begin(), mListed.end(), byPid)) std::sort(mListed.begin(), mListed.end(), byPid);
 }
 
 // Departure from the plain kill order: the launching app's own processes (an
@@ -643,20 +538,14 @@ void VorakAction::generateTaskList() {
 void VorakAction::spareLaunchingApp(const std::string& appName) {
   std::vector<int> own;
   for (KxDatabase<_vorak_User_Launched_Data>* db : {mUserDb, mStartProcDb, mFavPidDb}) {
-    auto rows = readRows(db, appName);
-    for (const auto* row : rows) {
-      if (row != nullptr) own.push_back(row->blob.value);
-    }
-    release(db, rows);
+    eachRow(db, appName, [&](KxDBDataRowView<_vorak_User_Launched_Data>& row) { own.push_back(row.blob().value); });
   }
   auto isOwn = [&](int pid) {
     if (std::find(own.begin(), own.end(), pid) != own.end()) return true;
     const PIDStats* seen = listed(pid);
     return seen != nullptr && namedAfter(commOf(*seen), appName);
   };
-  for (CandidateList* list : {&mBackgroundList, &mFavoriteList, &mUserLaunchedList}) {
-    for (auto it = list->begin(); it != list->end();) it = isOwn(it->second) ? list->erase(it) : std::next(it);
-  }
+  for (CandidateList* list : {&mBackgroundList, &mFavoriteList, &mUserLaunchedList}) list->eraseIf(isOwn);
 }
 
 const PIDStats* VorakAction::listed(int pid) const {
@@ -678,16 +567,13 @@ void VorakAction::updateAppServices(const std::string& appName) {
     mAppServiceNames.clear();
 
     std::vector<hidl_string> names;
-    auto rows = readRows(mServiceOutDb, appName);
-    for (const auto* row : rows) {
-      if (row == nullptr) continue;
-      for (const auto& slot : row->blob.serviceNames) {
+    eachRow(mServiceOutDb, appName, [&](KxDBDataRowView<_vorak_App_Service_Out>& row) {
+      for (const auto& slot : row.blob().serviceNames) {
         std::string name = fieldText(slot, sizeof(slot));
         if (name.empty()) continue;
         if (mAppServiceNames.insert(name).second) names.emplace_back(name);
       }
-    }
-    release(mServiceOutDb, rows);
+    });
 
     hidl_vec<int> pids;
     DependentServices().getServicePIDs(hidl_vec<hidl_string>(names), pids);
@@ -714,21 +600,18 @@ void VorakAction::updateAppServices(const std::string& appName) {
 
 float VorakAction::getNonRAMServicesMemory(const std::string& appName) {
   float sum = 0;
-  auto rows = readRows(mServiceOutDb, appName);
-  for (const auto* row : rows) {
-    if (row == nullptr) continue;
-    for (const auto& slot : row->blob.serviceNames) {
+  eachRow(mServiceOutDb, appName, [&](KxDBDataRowView<_vorak_App_Service_Out>& row) {
+    for (const auto& slot : row.blob().serviceNames) {
       const std::string name = fieldText(slot, sizeof(slot));
       if (name.empty() || mAppServiceNames.count(name) != 0) continue;
       // A service's anonymous-plus-swap figure is what its process will take
       // once started; its graphics memory is negligible.
-      auto learnt = readRows(mActionDb, name);
-      if (!learnt.empty() && learnt.front() != nullptr) {
-        sum = checkOverflowAndAdd(sum, static_cast<int64_t>(learnt.front()->blob.rssSwap));
-      }
-      release(mActionDb, learnt);
+      bool first = true;
+      eachRow(mActionDb, name, [&](KxDBDataRowView<_vorak_Feature_Action_Data>& learnt) {
+        if (first) sum = checkOverflowAndAdd(sum, static_cast<int64_t>(learnt.blob().rssSwap));
+        first = false;
+      });
     }
-  }
-  release(mServiceOutDb, rows);
+  });
   return sum;
 }

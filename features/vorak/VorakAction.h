@@ -8,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <ctime>
-#include <map>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -17,6 +16,7 @@
 #include "AsyncTriggerPayload.h"
 #include "MemPerfd.h"
 #include "StatsProvider.h"
+#include "VorakCandidateList.h"
 #include "VorakCheckedArithmetic.h"
 #include "VorakFeatureNames.h"
 #include "kxdb/KxDatabase.h"
@@ -86,7 +86,7 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   static void setPidfdOpen(PidfdOpenFn fn);
 
   // Read-only views for diagnostics and tests.
-  using CandidateList = std::multimap<long, int>;
+  using CandidateList = VorakCandidateList;
   const CandidateList& backgroundList() const { return mBackgroundList; }
   const CandidateList& favoriteList() const { return mFavoriteList; }
   const CandidateList& userLaunchedList() const { return mUserLaunchedList; }
@@ -98,8 +98,9 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
  private:
   void loadModel();
   bool traceOn() const;
-  // Takes the entry of `pid` out of the background list into `to`, keeping
-  // its memory key; false when the background list has no such entry.
+  // Marks the listed entry of `pid` to go into `to` instead of the
+  // background list, keeping its memory key; false when no entry of the
+  // background list has that pid.
   bool moveFromBackground(int pid, CandidateList& to);
   // One phase of the kill loop over `list`; `what` is the kill report.
   void killFrom(CandidateList& list, bool spareProtected, const char* phase, float& remaining,
@@ -120,16 +121,23 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   // Entries of mFeatures in the order of kVorakFeatureNames, resolved once:
   // element pointers of an unordered_map survive rehashing.
   std::array<MLModelFeature*, kVorakFeatureNames.size()> mInputs{};
+  // The entries that enter the score (min != max), in the map's iteration
+  // order: the model's ranges are fixed once loaded.
+  std::vector<MLModelFeature*> mScored;
   float mBias = 0;
 
   CandidateList mBackgroundList;
-  // The background list's entries by pid, while generateTaskList moves
-  // favourites and user-launched apps out of it; empty otherwise.
-  std::unordered_map<int, CandidateList::iterator> mBackgroundByPid;
+  // While generateTaskList sorts the host's list into the three lists:
+  // (pid, index in the host's list) sorted by pid, whether each entry was
+  // taken out of the background list, and where each taken one went, in
+  // the order taken. Kept between rebuilds only for their capacity.
+  std::vector<std::pair<int, size_t>> mByPid;
+  std::vector<bool> mMoved;
+  std::vector<std::pair<size_t, CandidateList*>> mMoves;
   CandidateList mFavoriteList;
   CandidateList mUserLaunchedList;
   // Every candidate of the three lists as generateTaskList found it (start
-  // time and name), sorted by pid: the host's list is kept as it came.
+  // time and name), sorted by pid once the lists are built.
   std::vector<PIDStats> mListed;
   std::unordered_set<std::string> mAppServiceNames;
   std::unordered_set<int> mAppServicePids;

@@ -80,28 +80,28 @@ void VorakAlgo::populateFavoriteApps() {
   preferred.populateFavoriteApps(mUserLaunchedDb, mUserLaunchedDb2, mFavTimeSlotDb);
 }
 
+// The input rows are looked at, not kept: each is read as a view of
+// readAllocateDR's query instead of an allocated row, and only a list still
+// missing from the output is copied.
 bool VorakAlgo::populateAppServiceOutputDb() {
   KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
-  VorakRowGuard<_vorak_App_Service_In> inputs(
-      mAppServiceInDb, mAppServiceInDb->readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
-  for (auto* input : inputs.rows()) {
-    if (input == nullptr) continue;
+  mAppServiceInDb->readEachDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [&](KxDBDataRowView<_vorak_App_Service_In>& input) {
     // An output row is made once per application and never refreshed: the
     // input row keeps the first list anyway.
-    KxDBDataRowKey key(input->appName, KXDB_INTCOL_UNSET);
-    if (mAppServiceOutDb->getCountDR(key) >= 1) continue;
+    KxDBDataRowKey key(std::string(input.appName()), KXDB_INTCOL_UNSET);
+    if (mAppServiceOutDb->getCountDR(key) >= 1) return;
 
     VorakRowGuard<_vorak_App_Service_Out> output(mAppServiceOutDb, mAppServiceOutDb->allocateDR(1));
     if (output.rows().empty()) {
-      KXLOGE(kTag, "Could not allocate AppServiceOutput DB row");
-      continue;
+      VORAK_LOGE_IN(kTag, "populateAppServiceOutputDb", "Could not allocate AppServiceOutput DB row");
+      return;
     }
     auto* row = output.rows().front();
-    static_assert(sizeof(row->blob.serviceNames) == sizeof(input->blob.serviceNames), "service row layout");
-    std::memcpy(row->blob.serviceNames, input->blob.serviceNames, sizeof(row->blob.serviceNames));
-    row->appName = input->appName;
+    static_assert(sizeof(row->blob.serviceNames) == sizeof(input.blob().serviceNames), "service row layout");
+    std::memcpy(row->blob.serviceNames, input.blob().serviceNames, sizeof(row->blob.serviceNames));
+    row->appName = key.appName;
     mAppServiceOutDb->writeDeallocateDR(output.rows());
-  }
+  });
   return false;
 }
 
@@ -122,16 +122,13 @@ bool VorakAlgo::learnPerApp(std::string& name) {
 
   int64_t ionKgslSum = 0;
   int64_t rssSwapSum = 0;
-  {
-    VorakRowGuard<_vorak_Meter_Data> samples(mMeterDb,
-                                             mMeterDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
-    // The -1 and 0 markers of missing readings are summed like any value.
-    for (const auto* row : samples.rows()) {
-      if (row == nullptr) continue;
-      ionKgslSum += row->blob.ionKgsl;
-      rssSwapSum += row->blob.rssSwap;
-    }
-  }
+  // The -1 and 0 markers of missing readings are summed like any value.
+  // Read as views instead of allocated rows (readAllocateDR's query, rows
+  // only summed): a departure that saves a heap object per sample.
+  mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [&](KxDBDataRowView<_vorak_Meter_Data>& row) {
+    ionKgslSum += row.blob().ionKgsl;
+    rssSwapSum += row.blob().rssSwap;
+  });
   // Divided by the stored count, also when a read is capped below it.
   if (!writeToActionDataBase(name, static_cast<long>(ionKgslSum / count), static_cast<long>(rssSwapSum / count)))
     return false;  // the samples stay for another try
@@ -186,7 +183,10 @@ bool VorakAlgo::writeToActionDataBase(std::string& name, long ionKgsl, long rssS
 
 // Writes the rows cached in the learnt table. A failure is transient (a lock
 // held elsewhere, a full disk): the name keeps its state and its samples.
+// With nothing cached there is nothing to write, and no transaction is
+// begun for it.
 bool VorakAlgo::writePending(const std::string& name) {
+  if (!mActionDb->hasCachedRows()) return true;
   if (mActionDb->KxDatabaseWriteCachedToDisk() == KXDB_SUCCESS) return true;
   const char* reason = *kxdb::lastError() != '\0' ? kxdb::lastError() : "write-back failed";
   VORAK_LOGE_IN(kTag, "writeToActionDataBase", "could not store the learnt row of %s: %s", name.c_str(), reason);
@@ -197,11 +197,13 @@ void VorakAlgo::printFsm() {
   for (const std::string& name : namesOf(mMeterDb)) mFeatureState.readState(name);
 }
 
+// The walk reads every name's samples as views, readAllocateDR's query
+// without allocating and freeing the rows: it runs once per learnt name
+// over the whole table, and keeps nothing.
 void VorakAlgo::printDB() {
   for (const std::string& name : namesOf(mMeterDb)) {
     KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-    VorakRowGuard<_vorak_Meter_Data> samples(mMeterDb,
-                                             mMeterDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+    mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [](KxDBDataRowView<_vorak_Meter_Data>&) {});
   }
 }
 

@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <cstdio>
-#include <functional>
 #include <string_view>
 #include <vector>
 
@@ -26,7 +25,8 @@ class FirstError {
 };
 
 // Calls `fn(lineNo, line)` for every line, numbering from 1.
-void forEachLine(const std::string& text, const std::function<void(int, std::string_view)>& fn) {
+template <typename Fn>
+void forEachLine(const std::string& text, Fn&& fn) {
   std::string_view rest(text);
   for (int lineNo = 1; !rest.empty(); ++lineNo) {
     size_t end = rest.find('\n');
@@ -35,18 +35,42 @@ void forEachLine(const std::string& text, const std::function<void(int, std::str
   }
 }
 
-std::vector<std::string_view> splitWords(std::string_view line) {
-  std::vector<std::string_view> words;
-  size_t pos = 0;
-  while (true) {
-    pos = line.find_first_not_of(" \t\r", pos);
-    if (pos == std::string_view::npos) return words;
-    size_t end = line.find_first_of(" \t\r", pos);
-    words.push_back(line.substr(pos, end - pos));
-    if (end == std::string_view::npos) return words;
-    pos = end;
-  }
+// The blank-separated words of a line: the first kMax kept, all counted.
+// On the stack, since every line of every read passes through here.
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+std::string_view skipBlanks(std::string_view line) {
+  const char* p = line.data();
+  const char* const end = p + line.size();
+  while (p != end && isBlank(*p)) ++p;
+  return std::string_view(p, static_cast<size_t>(end - p));
 }
+
+class Words {
+ public:
+  static constexpr size_t kMax = 24;
+
+  explicit Words(std::string_view line) {
+    const char* p = line.data();
+    const char* const end = p + line.size();
+    while (true) {
+      while (p != end && isBlank(*p)) ++p;
+      if (p == end) return;
+      const char* word = p;
+      while (p != end && !isBlank(*p)) ++p;
+      if (mCount < kMax) mWords[mCount] = std::string_view(word, static_cast<size_t>(p - word));
+      ++mCount;
+    }
+  }
+  size_t size() const { return mCount; }
+  bool empty() const { return mCount == 0; }
+  // Empty beyond the words kept.
+  std::string_view operator[](size_t i) const { return i < kMax ? mWords[i] : std::string_view(); }
+
+ private:
+  std::string_view mWords[kMax];
+  size_t mCount = 0;
+};
 
 std::string_view trim(std::string_view s) {
   size_t begin = s.find_first_not_of(" \t\r\n");
@@ -84,7 +108,7 @@ std::string quoted(std::string_view s) {
 // numeric lines of a process's status.
 bool parseKeyValue(std::string_view line, std::string_view* key, uint64_t* value, std::string* what) {
   size_t colon = line.find(':');
-  std::vector<std::string_view> words = splitWords(colon == std::string_view::npos ? "" : line.substr(colon + 1));
+  const Words words(colon == std::string_view::npos ? std::string_view() : line.substr(colon + 1));
   bool unitOk = words.size() == 1 || (words.size() == 2 && words[1] == "kB");
   if (colon == 0 || colon == std::string_view::npos || !unitOk) {
     *what = "expected 'Key: value [kB]', got " + quoted(line);
@@ -131,8 +155,13 @@ class ZoneinfoReader {
   ZoneinfoReader(ZoneInfo* out, FirstError* errors) : mOut(out), mErrors(errors) {}
 
   void line(int lineNo, std::string_view line) {
-    std::vector<std::string_view> words = splitWords(line);
-    if (words.empty()) return;
+    // Most lines (pagesets, watermarks, protection, node counters) feed
+    // nothing: they are passed over on how they begin, unsplit.
+    const std::string_view rest = skipBlanks(line);
+    auto startsWith = [rest](std::string_view prefix) { return rest.substr(0, prefix.size()) == prefix; };
+    const bool counter = !mInNodeStats && startsWith("nr_");
+    if (!counter && !startsWith("Node") && !startsWith("per-node") && !startsWith("pages")) return;
+    const Words words(line);
     if (words[0] == "Node") return header(lineNo, line, words);
     if (words[0] == "per-node") {
       mInNodeStats = true;
@@ -146,7 +175,7 @@ class ZoneinfoReader {
 
  private:
   // "Node 0, zone   Normal"
-  void header(int lineNo, std::string_view line, const std::vector<std::string_view>& words) {
+  void header(int lineNo, std::string_view line, const Words& words) {
     mInNodeStats = false;
     mSeenHeader = true;
     mZone = nullptr;
@@ -158,7 +187,7 @@ class ZoneinfoReader {
   }
 
   // Adds the number in words[index] to `counter` (null: a line not kept).
-  void add(int lineNo, std::string_view line, const std::vector<std::string_view>& words, size_t index,
+  void add(int lineNo, std::string_view line, const Words& words, size_t index,
            uint64_t* counter) {
     if (!mSeenHeader) return mErrors->note(lineNo, "counter before any zone header: " + quoted(line));
     if (counter == nullptr) return;
@@ -178,9 +207,16 @@ class ZoneinfoReader {
 
 }  // namespace
 
-uint64_t MemInfo::get(const std::string& key) const {
-  auto it = values.find(key);
-  return it == values.end() ? 0 : it->second;
+int MemInfo::slot(std::string_view key) {
+  for (size_t i = 0; i < std::size(kKeys); ++i) {
+    if (kKeys[i] == key) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+uint64_t MemInfo::get(std::string_view key) const {
+  const int i = slot(key);
+  return i >= 0 ? values[i] : 0;
 }
 
 bool parseMeminfo(const std::string& text, MemInfo* out, std::string* error) {
@@ -191,7 +227,8 @@ bool parseMeminfo(const std::string& text, MemInfo* out, std::string* error) {
     uint64_t value = 0;
     std::string what;
     if (parseKeyValue(line, &key, &value, &what)) {
-      out->values[std::string(key)] = value;
+      // A key given twice counts as its last value.
+      if (const int i = MemInfo::slot(key); i >= 0) out->values[i] = value;
     } else {
       errors.note(lineNo, what);
     }
@@ -211,7 +248,7 @@ bool parseZoneinfo(const std::string& text, ZoneInfo* out, std::string* error) {
 // kernels append. Only the first three columns are relied on.
 bool parseZramMmStat(const std::string& text, ZramStat* out, std::string* error) {
   FirstError errors(error);
-  std::vector<std::string_view> words = splitWords(trim(text));
+  const Words words(trim(text));
   uint64_t orig = 0;
   uint64_t used = 0;
   if (words.size() < 3) {
@@ -261,7 +298,7 @@ bool parseProcStatStartTime(const std::string& text, uint64_t* out, std::string*
     errors.note(1, "no ')' after the process name");
     return errors.ok();
   }
-  std::vector<std::string_view> words = splitWords(trim(std::string_view(text).substr(close + 1)));
+  const Words words(trim(std::string_view(text).substr(close + 1)));
   if (words.size() < 20) {
     errors.note(1, "expected at least 22 fields, got " + std::to_string(words.size() + 2));
   } else if (!parseNumber(words[19], out)) {

@@ -10,17 +10,26 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <iterator>
 #include <string>
+#include <string_view>
 
 namespace kxhost {
 
-// /proc/meminfo: key → value as written (KB for "kB" lines, a count otherwise).
+// /proc/meminfo reduced to the lines the statistics record is made of, each
+// value as written (KB for "kB" lines, a count otherwise). Every line is
+// checked; the others are dropped as they are read.
 struct MemInfo {
-  std::map<std::string, uint64_t> values;
+  static constexpr std::string_view kKeys[] = {"MemTotal",   "MemFree",    "KernelStack", "KReclaimable", "SReclaimable",
+                                               "Unevictable", "Buffers",   "SUnreclaim",  "CmaFree",      "Mapped",
+                                               "SwapCached", "PageTables", "VmallocUsed", "Shmem"};
+  uint64_t values[std::size(kKeys)] = {};
 
-  // 0 for a key the kernel does not report (e.g. CmaFree without CMA).
-  uint64_t get(const std::string& key) const;
+  // 0 for a key the kernel does not report (e.g. CmaFree without CMA) and
+  // for one the record does not use.
+  uint64_t get(std::string_view key) const;
+  // Index of `key` in kKeys, -1 when it is not one of them.
+  static int slot(std::string_view key);
 };
 
 // Page counts of one zone, summed over NUMA nodes.

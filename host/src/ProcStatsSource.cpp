@@ -1,11 +1,12 @@
 #include "ProcStatsSource.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 
 #include "AndroidLog.h"
@@ -16,11 +17,24 @@ namespace {
 constexpr const char* kTag = "kxhost";
 
 // Kernel files report a size of 0, so they are read to the end rather than
-// by size. Null when the file cannot be opened (absent, or process gone).
+// by size, in large reads: the kernel formats a proc file anew for every
+// read call. Null when the file cannot be opened (absent, or process gone);
+// a read that fails part way keeps what came before.
 std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char chunk[16384];
+  std::string text;
+  for (;;) {
+    const ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      text.append(chunk, static_cast<size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+      break;
+    }
+  }
+  close(fd);
+  return text;
 }
 
 void logError(const std::string& path, const std::string& what) {

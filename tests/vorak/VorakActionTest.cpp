@@ -462,6 +462,25 @@ TEST_F(VorakActionTest, VorakTakesTheSmallestSufficient) {
   // test below.
 }
 
+// Equal memories keep the order in which they were listed (the source lists
+// the newest first), favourites that of their slot: the first of them is
+// chosen when it covers the rest, the last as the largest when none does.
+TEST_F(VorakActionTest, EqualMemoriesKeepTheirListedOrder) {
+  const pid_t first = background(40000), second = background(40000), a = background(20000), b = background(20000);
+  const pid_t favA = background(20000), favB = background(20000);
+  putSlot("week_end_1", "com.fava/com.favb/");
+  putPid(mFavPid, "com.fava", favA);
+  putPid(mFavPid, "com.favb", favB);
+  VorakAction& action = this->action();
+  action.generateTaskList();
+  EXPECT_FLOAT_EQ(action.vorak(30000), 40000);
+  EXPECT_FLOAT_EQ(action.vorak(100000), 100000);
+  EXPECT_EQ(killOrder(mLog), (std::vector<std::string>{entry("bg", second, 40000), entry("bg", first, 40000),
+                                                        entry("bg", a, 20000), entry("bg", b, 20000),
+                                                        entry("Fav", favA, 20000)}));
+  EXPECT_FALSE(killed(favB));
+}
+
 // A pid is signalled only while it names the process that was listed; the
 // fake source stands for a reused pid by a later start time.
 TEST_F(VorakActionTest, OnlyTheProcessThatWasListedIsSignalled) {
