@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AndroidLog.h"
@@ -20,7 +19,6 @@
 #include "Properties.h"
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
-#include "VorakMetaMeter.h"
 #include "WallClock.h"
 #include "kxhost/LogCapture.h"
 #include "support/FailingWrites.h"
@@ -111,42 +109,20 @@ TEST_F(VorakAlgoTest, LearnsTheTruncatedMeanOfEveryDueNameAndForgetsItsSamples) 
   for (int64_t rss : {100, 101, 103}) sample("com.a", -1, rss);
   sample("com.b", -1, 5, 2);
   sample("svc.c", 7, 9);
+  sample("svc.d", 1, 2, 3);
   due("com.a");
   due("com.b");
+  due("svc.d", APP_STATE_RELEARN_DUE);
   run();
   EXPECT_EQ(learnt("com.a")[0].first, Learnt(-1, 101));
   EXPECT_EQ(learnt("com.b")[0].first, Learnt(-1, 5));
   EXPECT_EQ(samples("com.a") + samples("com.b"), 0);
   EXPECT_TRUE(learnt("svc.c").empty()) << "still collecting";
   EXPECT_EQ(samples("svc.c"), 1);
-}
-
-// Samples keep arriving while the name is learnt again and again: each mean
-// is taken over exactly the samples counted, all of the one true figure.
-TEST_F(VorakAlgoTest, LearntMeansStayTrueWhileSamplesArrive) {
-  FeatureInfo info;
-  info.samplesThreshold = 1 << 30;
-  VorakMetaMeter meter(info, &mMeterDb, mState, &mServiceInDb, &mFeature->samplesMutex());
-  std::string name = "com.a";
-  std::atomic<bool> written{false};
-  // Started here, joined below once it has written its samples.
-  std::thread writer([&] {
-    std::string app = name;
-    for (int i = 0; i < 2000; ++i) meter.writeToInputDb(app, 7, 700);
-    written = true;
-  });
-  int learnings = 0, wrong = 0;
-  while (!written.load()) {
-    due(name);
-    mAlgo->learnPerApp(name);
-    auto rows = learnt(name);
-    if (rows.empty()) continue;
-    ++learnings;
-    wrong += rows[0].first != Learnt(7, 700);
-  }
-  writer.join();
-  EXPECT_GT(learnings, 0);
-  EXPECT_EQ(wrong, 0) << "of " << learnings;
+  EXPECT_TRUE(learnt("svc.d").empty()) << "due again: left as it is";
+  EXPECT_EQ(samples("svc.d"), 3);
+  EXPECT_EQ(mState.readState("svc.d"), APP_STATE_RELEARN_DUE);
+  EXPECT_EQ(mState.readState("com.a"), APP_STATE_LEARNING_DUE) << "the host marks it learnt";
 }
 
 // A learnt row that the store could not commit is no result: the samples
@@ -186,15 +162,6 @@ TEST_F(VorakAlgoTest, DividesByTheFullCountWhenTheReadIsCapped) {
   run();
   // 10000 samples read and summed, divided by all 10005 stored.
   EXPECT_EQ(learnt("com.a")[0].first, Learnt(10000, 10000));
-}
-
-TEST_F(VorakAlgoTest, NamesDueAgainAreLeftAsTheyAre) {
-  sample("com.a", 1, 2, 3);
-  due("com.a", APP_STATE_RELEARN_DUE);
-  run();
-  EXPECT_TRUE(learnt("com.a").empty());
-  EXPECT_EQ(samples("com.a"), 3);
-  EXPECT_EQ(mState.readState("com.a"), APP_STATE_RELEARN_DUE);
 }
 
 int weekdayOf(std::time_t t) {

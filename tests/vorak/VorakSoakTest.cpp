@@ -30,6 +30,7 @@
 #include "kxhost/LearningScheduler.h"
 #include "kxhost/LogCapture.h"
 #include "kxhost/MeteringThread.h"
+#include "support/FakeStats.h"
 #include "support/Sleepers.h"
 
 namespace {
@@ -54,20 +55,10 @@ class DiscardSink : public kxhost::LogSink {
 
 // A 4 GB device with memory to spare and no background process to kill;
 // each pid has constant figures. Filled before any thread reads it.
-class SoakStats : public kxhost::StatsSource {
+class SoakStats : public kxtest::FakeStats {
  public:
-  SysStats sysStats() override { return vorakdev::sysStats4GB(3000000); }
-  PIDStats pidStats(int pid) override {
-    auto it = mFigures.find(pid);
-    if (it == mFigures.end()) return PIDStats{-1, 0, 0, 0, {}, 0};
-    return PIDStats{pid, 0, 0, static_cast<uint64_t>(it->second.second), "soak",
-                    static_cast<uint64_t>(it->second.first)};
-  }
-  std::vector<PIDStats> pidStatsRange(int, int) override { return {}; }
-  void set(int pid, Figures figures) { mFigures[pid] = figures; }
-
- private:
-  std::map<int, Figures> mFigures;
+  SoakStats() { setSys(vorakdev::sysStats4GB(3000000)); }
+  void set(int pid, Figures f) { FakeStats::set(PIDStats{pid, 0, 0, uint64_t(f.second), "soak", uint64_t(f.first)}); }
 };
 
 // The apps and their services: sleepers of this test, with their true figures.
