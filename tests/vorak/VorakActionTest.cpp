@@ -29,6 +29,7 @@
 #include "AndroidLog.h"
 #include "DependentServices.h"
 #include "FeatureInfo.h"
+#include "FetchPreferredApps.h"
 #include "FsRoot.h"
 #include "MemPerfd.h"
 #include "Properties.h"
@@ -325,6 +326,8 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
       {"product out of range", ordinaryStats(), 300000, 100000, 1.0e6f, -955000, 0, "We need not kill here."},
       // A safeload that is not a number: no amount at all.
       {"safeload NaN", ordinaryStats(), 300000, 100000, NAN, NAN, 0, "(appName,memToGenerate) = (app7, nan)"},
+      // 0.25 * 3860000 - (1355000 - 390001): the least budget that is passed on.
+      {"one KB", ordinaryStats(), 290001, 100000, 0.25f, 1, 1, "(appName,memToGenerate) = (app8, 1.000000)"},
   };
   int i = 0;
   for (const DecideCase& c : cases) {
@@ -508,6 +511,15 @@ TEST_F(VorakActionTest, VorakActsOnlyInsideTheBudgetWindow) {
   a.generateTaskList();
   EXPECT_FLOAT_EQ(a.vorak(614400), 1000);
   EXPECT_TRUE(killed(edge));
+
+  // Half a KB still to find after the background is used up: a favourite goes for it.
+  const pid_t bg = background(30000), fav = background(1000);
+  putSlot("week_end_1", "com.fav");
+  putPid(mFavPid, "com.fav", fav);
+  a.generateTaskList();
+  EXPECT_FLOAT_EQ(a.vorak(30000.5f), 31000);
+  EXPECT_TRUE(killed(bg));
+  EXPECT_TRUE(killed(fav));
 }
 
 // Only a favourite with exactly one pid row leaves the background list; the
@@ -647,6 +659,32 @@ TEST_F(VorakActionTest, RunningServicesOfTheAppAreCollected) {
   // Every listed service is accounted for by name, the one not running
   // too, learnt needs or not.
   EXPECT_EQ(a.getNonRAMServicesMemory("com.cam"), 0);
+  // The next app's set starts empty.
+  a.updateAppServices("com.other");
+  EXPECT_TRUE(a.appServicePids().empty());
+  EXPECT_TRUE(mLog.contains("inRAMServiceSet size for AppName = com.other is 0"));
+}
+
+// With neither users nor favourites known yet, a launch lets the host seed
+// the favourites from its launch history; once either is known it does not.
+TEST_F(VorakActionTest, LaunchSeedsFavouritesOnlyWhenNothingIsKnown) {
+  VorakAction& a = action();
+  for (const auto& [user, slot, seeded] : {std::tuple{false, false, true}, {true, false, false}, {false, true, false}}) {
+    SCOPED_TRACE(std::to_string(user) + std::to_string(slot));
+    KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
+    mUser.deleteAllDR(all);
+    mFavSlot.deleteAllDR(all);
+    FetchPreferredApps::clearHistory();
+    FetchPreferredApps::noteLaunch("com.habit", gNow - 86400 * 7);
+    FetchPreferredApps::noteLaunch("com.habit", gNow);
+    if (user) putPid(mUser, "com.u", 1);
+    if (slot) putSlot("week_day_4", "com.s");
+    a.applyAction(hint(4162));
+    a.applyAction(hint(4225, 2, "com.launch"));
+    KxDBDataRowKey key("week_end_1", KXDB_INTCOL_UNSET);
+    EXPECT_EQ(mFavSlot.getCountDR(key), seeded ? 1 : 0);
+  }
+  FetchPreferredApps::clearHistory();
 }
 
 // The service pass asks for the app's services not accounted for (none, as

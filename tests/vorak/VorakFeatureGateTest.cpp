@@ -2,6 +2,7 @@
 // of the memory class, database set; and what a started feature owns.
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
@@ -154,6 +155,20 @@ TEST(VorakFeatureStart, StartedFeatureKeepsItsTablesAndReportsWhenTracing) {
   log.clear();
   EXPECT_FALSE(device.create()->isTraceVorak());
   EXPECT_FALSE(log.contains("Successfully Created"));
+}
+
+// Every table a feature opens goes with it, also when a gate stopped it
+// halfway: SQLite's own count of the memory it holds is back where it was.
+TEST(VorakFeatureStart, DestroyedFeatureLeavesNoTableBehind) {
+  Device device;
+  device.create().reset();  // SQLite's first use allocates for good
+  const sqlite3_int64 before = sqlite3_memory_used();
+  device.create().reset();
+  EXPECT_EQ(sqlite3_memory_used(), before) << "started";
+  std::filesystem::remove_all(device.dir().sub("data/vendor/kx"));
+  device.dir().write("data/vendor/kx", "not a directory");
+  device.create().reset();
+  EXPECT_EQ(sqlite3_memory_used(), before) << "stopped at the first file table";
 }
 
 TEST(VorakFeatureStart, ShippedModelsLoad) {

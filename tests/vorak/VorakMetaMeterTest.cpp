@@ -312,6 +312,17 @@ TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
   }
 }
 
+TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
+  kxhost::LogCapture log;
+  VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
+  std::string app = "com.a";
+  EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
+  EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
+  EXPECT_EQ(log.count("Input database does not exist"), 1u);
+  EXPECT_TRUE(mMeter->writeToAppServiceInputDb(app, {"svc.a"}));
+  EXPECT_EQ(storedServices(app)[0], "svc.a");
+}
+
 TEST_F(VorakMetaMeterTest, ServicesDueForLearningAreNotSampled) {
   setServices("com.a", {"svc.a"}, {mSleepers.start()});
   mState.writeState("svc.a", APP_STATE_LEARNING_DUE);
