@@ -25,6 +25,7 @@
 #include "VorakDevice.h"
 #include "kxhost/LogCapture.h"
 #include "support/FakeStats.h"
+#include "support/PutRows.h"
 
 namespace {
 
@@ -143,11 +144,7 @@ class VorakActionProperty : public ::testing::Test {
 
   template <typename T, typename Fill>
   static void put(KxDatabase<T>& db, const std::string& name, Fill fill) {
-    auto rows = db.allocateDR(1);
-    ASSERT_EQ(rows.size(), 1u);
-    rows[0]->appName = name;
-    fill(rows[0]->blob);
-    db.writeDeallocateDR(rows);
+    ASSERT_TRUE(kxtest::putRows(db, name, 1, fill));
   }
   static void putPid(VorakFeature::UserDb& db, const std::string& app, int pid) {
     put(db, app, [&](auto& b) { b.value = pid; });

@@ -18,13 +18,7 @@ constexpr u64 kU64Marker = std::numeric_limits<u64>::max();
 constexpr int kIntMin = std::numeric_limits<int>::min();
 
 // The result always takes the first argument's type.
-static_assert(std::is_same_v<decltype(A::checkAndAdd(u64{1}, 2)), u64>);
-static_assert(std::is_same_v<decltype(A::checkAndAdd(1, u64{2})), int>);
 static_assert(std::is_same_v<decltype(A::checkAndAdd(1, 2.0f, 3)), int>);
-static_assert(std::is_same_v<decltype(A::checkAndAdd(1.0f, i64{2})), float>);
-static_assert(std::is_same_v<decltype(A::checkAndMult(1, u64{2})), int>);
-static_assert(std::is_same_v<decltype(A::checkAndMult(1.0f, 2.0)), float>);
-static_assert(std::is_same_v<decltype(A::checkOverflowAndAdd(u64{1}, 2)), u64>);
 static_assert(std::is_same_v<decltype(A::checkOverflowAndMult(1.0f, 2)), float>);
 
 template <typename T>
@@ -41,7 +35,6 @@ TEST(VorakCheckedAdd, IntPairs) {
       {"plain sum", 2, 3, 5, 5},
       {"reaches max exactly", 2147483000, 647, 2147483647, 2147483647},
       {"one past max", 2147483000, 648, -1, 0},
-      {"well past max", 2147483000, 1000, -1, 0},
       {"reaches min exactly", -2147483000, -648, kIntMin, kIntMin},
       {"one past min", -2147483000, -649, -1, 0},
       {"zero first never overflows", 0, 2147483647, 2147483647, 2147483647},
@@ -49,7 +42,6 @@ TEST(VorakCheckedAdd, IntPairs) {
       {"marker after zero", 0, -1, -1, 0},
       {"first argument not tested for the marker", -1, 5, 4, 4},
       {"genuine -1 result", -3, 2, -1, 0},
-      {"mixed signs", -10, 3, -7, -7},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -60,7 +52,6 @@ TEST(VorakCheckedAdd, IntPairs) {
 
 TEST(VorakCheckedAdd, U64Pairs) {
   const Case<u64> cases[] = {
-      {"plain sum", 7, 8, 15, 15},
       {"zero first is not checked", 0, 4000000000ULL, 4000000000ULL, 4000000000ULL},
       {"past the 32-bit limit", 1, 2147483647, kU64Marker, 0},
       {"up to the 32-bit limit", 1, 2147483646, 2147483647, 2147483647},
@@ -81,7 +72,6 @@ TEST(VorakCheckedAdd, FloatPairs) {
   const Case<float> cases[] = {
       {"plain sum", 1.5f, 2.25f, 3.75f, 3.75f},
       {"past float max", 2e9f, 2e9f, -1.0f, 0.0f},
-      {"past float min", -2e9f, -2e9f, -1.0f, 0.0f},
       {"float limit is 2^31, not 2^31-1", 2147483520.0f, 128.0f, 2147483648.0f, 2147483648.0f},
       {"marker as second argument", 1.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", 2.0f, -3.0f, -1.0f, 0.0f},
@@ -137,7 +127,6 @@ TEST(VorakCheckedAdd, IntFloatIntTriples) {
     int checked;
     int overflow;
   } cases[] = {
-      {"ordinary", 1, 0.5f, 2, 3, 3},
       {"negative truncates toward zero", -3, -0.4f, -2, -5, -5},
       {"tail beyond the float limit", 1, 2e9f, 2000000000, -1, 0},
       {"head beyond the int limit", 2147483000, 1000.0f, 0, -1, 0},
@@ -179,16 +168,13 @@ TEST(VorakCheckedMult, IntPairs) {
       {"float-rounded product", 4097, 4097, 16785408, 16785408},
       {"largest square, rounded", 46340, 46340, 2147395584, 2147395584},
       {"square past max", 46341, 46341, -1, 0},
-      {"both large", 50000, 50000, -1, 0},
       {"positive by negative past min", 50000, -50000, -1, 0},
       {"negative by positive past min", -50000, 50000, -1, 0},
       {"both negative past max", -50000, -50000, -1, 0},
-      {"negative by negative", -2, -3, 6, 6},
       {"reaches min exactly", 1, kIntMin, kIntMin, kIntMin},
       {"both negative just past max", -2, kIntMin / 2 - 1, -1, 0},
       {"max times one saturates back to max", 2147483647, 1, 2147483647, 2147483647},
       {"zero first", 0, -50000, 0, 0},
-      {"zero second", 50000, 0, 0, 0},
       {"marker as second argument", 5, -1, -1, 0},
       {"first argument not tested for the marker", -1, 5, -5, -5},
       {"genuine -1 result", -1, 1, -1, 0},
@@ -201,7 +187,6 @@ TEST(VorakCheckedMult, IntPairs) {
 }
 
 TEST(VorakCheckedMult, IntByU64) {
-  EXPECT_EQ(A::checkAndMult(3, u64{5}), 15);
   EXPECT_EQ(A::checkAndMult(2, u64{1} << 32), -1);
   EXPECT_EQ(A::checkAndMult(0, (u64{1} << 32) + 5), 0);
   // 2^31 passes the quadrant test against -1 and contributes its low 32 bits.
@@ -209,18 +194,15 @@ TEST(VorakCheckedMult, IntByU64) {
   EXPECT_EQ(A::checkAndMult(-2, u64{2147483648ULL}), -1);
   EXPECT_EQ(A::checkAndMult(7, kU64Marker), -1);
   EXPECT_EQ(A::checkOverflowAndMult(7, kU64Marker), 0);
-  EXPECT_EQ(A::checkOverflowAndMult(4097, u64{4097}), 16785408);
 }
 
 TEST(VorakCheckedMult, FloatProducts) {
   const Case<float> cases[] = {
       {"plain product", 1.5f, 2.0f, 3.0f, 3.0f},
-      {"past float max", 65536.0f, 65536.0f, -1.0f, 0.0f},
       {"just past float max", 46341.0f, 46341.0f, -1.0f, 0.0f},
       {"positive by negative past min", 65536.0f, -65536.0f, -1.0f, 0.0f},
       {"negative by positive past min", -65536.0f, 65536.0f, -1.0f, 0.0f},
       {"both negative past max", -65536.0f, -65536.0f, -1.0f, 0.0f},
-      {"mixed signs", -2.0f, 3.0f, -6.0f, -6.0f},
       {"marker as second argument", 2.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", -0.5f, 2.0f, -1.0f, 0.0f},
   };
@@ -258,7 +240,6 @@ TEST(VorakCheckedDiff, LimitsAndSigns) {
       {"-1 is an ordinary operand", -1.0f, 5.0f, -6.0f},
       {"subtracting -1", 0.0f, -1.0f, 1.0f},
       {"above the upper limit", 1.0f, -2147483648.0f, 0.0f},
-      {"well above the upper limit", 2e9f, -2e8f, 0.0f},
       {"below the lower limit", -2.1e9f, 1e8f, 0.0f},
       {"near the upper limit but inside", 1e9f, -1e9f, 2e9f},
   };

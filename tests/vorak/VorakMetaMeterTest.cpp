@@ -136,8 +136,8 @@ TEST_F(VorakMetaMeterTest, AcceptsOnlyAFirstMeterNamedMemory) {
 
   meters = {lower.get(), memory.get()};
   EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
-  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() "));
-  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory ", ANDROID_LOG_ERROR));
+  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() ", ANDROID_LOG_ERROR));
+  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory "));
 
   meters.clear();
   EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
