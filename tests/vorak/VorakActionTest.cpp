@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -542,6 +543,22 @@ TEST_F(VorakActionTest, FavouritesNeedOnePidRowAndTheSlotsFirstRow) {
   EXPECT_EQ(a.favoriteList().begin()->second, fav);
   EXPECT_EQ(a.backgroundList().size(), 2u);
   EXPECT_TRUE(a.userLaunchedList().empty());
+  // A clock that localtime cannot read gives no slot, so no favourite.
+  gNow = std::numeric_limits<time_t>::max();
+  a.generateTaskList();
+  EXPECT_TRUE(a.favoriteList().empty());
+  EXPECT_EQ(mLog.count("Couldnt get current week_day and tim_slot info. Return empty string to not kill Fav Apps."), 1u);
+}
+
+// The host's background range is 700 to 1000, both bounds included.
+TEST_F(VorakActionTest, OnlyTheBackgroundRangeIsListed) {
+  for (int adj : {699, 700, 1000, 1001}) mStats->addProcess(100000 + adj, 30000, "sleeper", adj);
+  VorakAction& a = action();
+  a.generateTaskList();
+  std::vector<int> listed;
+  for (const auto& entry : a.backgroundList()) listed.push_back(entry.second);
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(listed, (std::vector<int>{100700, 101000}));
 }
 
 TEST_F(VorakActionTest, TimeSlotKeysTurnAtTheirHours) {

@@ -240,6 +240,8 @@ TEST(VorakCheckedDiff, LimitsAndSigns) {
       {"-1 is an ordinary operand", -1.0f, 5.0f, -6.0f},
       {"subtracting -1", 0.0f, -1.0f, 1.0f},
       {"above the upper limit", 1.0f, -2147483648.0f, 0.0f},
+      {"at the upper limit", 0.0f, -2147483648.0f, 2147483648.0f},
+      {"at the lower limit", 0.0f, 2147483648.0f, -2147483648.0f},
       {"below the lower limit", -2.1e9f, 1e8f, 0.0f},
       {"near the upper limit but inside", 1e9f, -1e9f, 2e9f},
   };

@@ -319,6 +319,9 @@ TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
   EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
   EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
   EXPECT_EQ(log.count("Input database does not exist"), 1u);
+  auto sample = memoryMeter(app, 1, {1}, {1});
+  EXPECT_FALSE(bare.writeToDataBase({sample.get()}));
+  EXPECT_EQ(log.count("Failed @ DBhandle mVorakDb"), 1u);
   EXPECT_TRUE(mMeter->writeToAppServiceInputDb(app, {"svc.a"}));
   EXPECT_EQ(storedServices(app)[0], "svc.a");
 }

@@ -262,6 +262,7 @@ TEST_F(VorakWorker, EachTriggerUpdatesItsTables) {
       {kLaunch, 101, 21, {11}, {21}, {}},   {kLaunch, 102, 22, {11}, {22}, {22}},
       {kLaunch, 101, 23, {11}, {23}, {23}}, {kRemoved, 0, 0, {}, {}, {-1}},
   };
+  kxhost::LogCapture log;
   for (const auto& step : steps) {
     if (step.type == 102) addRow(mFav, "com.a", 1);
     run(step.id, step.type, "com.a", step.pid);
@@ -270,9 +271,8 @@ TEST_F(VorakWorker, EachTriggerUpdatesItsTables) {
     EXPECT_EQ(values(mStart, "com.a"), step.start);
     EXPECT_EQ(values(mFav, "com.a"), step.fav);
   }
-  kxhost::LogCapture log;
   run(kRemoved, 0, "never.launched", 0);
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log.lines().empty()) << "no step is a failure";
 }
 
 // updatePIDInDB leaves duplicates in place; the other two operations remove
