@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "DeviceRoot.h"
+#include "support/DeviceRoot.h"
 #include "AndroidLog.h"
 #include "kxhost/LogCapture.h"
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "DeviceRoot.h"
+#include "support/DeviceRoot.h"
 #include "Properties.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "DeviceRoot.h"
+#include "support/DeviceRoot.h"
 #include "Feature.h"
 
 namespace {

@@ -90,8 +90,8 @@ TEST(ProcParsers, RefusalsQuoteTheFileOnOneLine) {
   EXPECT_FALSE(kxhost::parseSingleInt("7\n8\x1b[2J\n", &value, &error));
   EXPECT_EQ(error, "line 1: expected one integer, got '7\\x0a8\\x1b[2J'");
   kxhost::MemInfo mem;
-  EXPECT_FALSE(kxhost::parseMeminfo("Buffers: 12\xff kB\n", &mem, &error));
-  EXPECT_EQ(error, "line 1: value of Buffers is not a number: '12\\xff'");
+  EXPECT_FALSE(kxhost::parseMeminfo("Buffers: 12\x7f\xff kB\n", &mem, &error));
+  EXPECT_EQ(error, "line 1: value of Buffers is not a number: '12\\x7f\\xff'");
 }
 
 }  // namespace

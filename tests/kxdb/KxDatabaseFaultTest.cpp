@@ -42,7 +42,7 @@ class KxDatabaseFaultTest : public ::testing::Test {
   DeviceRoot mRoot;
   StoreConnection mStore;  // before the store, which it catches opening
   MeterDb mDb{0, "Vorak.db", "Vorak"};
-  OtherConnection mOther{mRoot.dbPath("Vorak.db")};
+  OtherConnection mOther{mRoot.dataFile("Vorak.db")};
   kxhost::LogCapture mLog;
 };
 
@@ -159,7 +159,7 @@ TEST_F(KxDatabaseFaultTest, DeletionThatCannotCommitLeavesRowsStoredAndWithTheCa
 // until a call succeeds again.
 TEST(KxDatabaseFailFast, ReadOnTheLaunchPathNeverWaitsAndLogsOncePerStreak) {
   DeviceRoot root;
-  OtherConnection other(root.dbPath("Vorak.db"));
+  OtherConnection other(root.dataFile("Vorak.db"));
   ASSERT_EQ(other.exec("CREATE TABLE Vorak(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB);"
                        "INSERT INTO Vorak(appName, blob) VALUES ('a', zeroblob(16));"
                        "BEGIN; SELECT * FROM Vorak;"),

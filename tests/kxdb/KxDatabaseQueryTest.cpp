@@ -43,6 +43,15 @@ TEST_F(KxDatabaseQueryTest, WhereClauseNamesTheSetFieldsInFixedOrder) {
   KxDBDataRowKey onlyRsvd;
   onlyRsvd.rsvdName = "x";
   EXPECT_EQ(where(onlyRsvd), "WHERE (rsvdName) = ('x') ");
+  // A key longer than the statement around it selects its row like any other.
+  onlyRsvd.rsvdName = std::string(300, 'r');
+  EXPECT_EQ(where(onlyRsvd), "WHERE (rsvdName) = ('" + onlyRsvd.rsvdName + "') ");
+  auto rows = mDb.allocateDR(1);
+  rows[0]->appName = "com.long";
+  rows[0]->rsvdName = onlyRsvd.rsvdName;
+  rows[0]->blob = {1, 1};
+  mDb.writeDeallocateDR(rows);
+  EXPECT_EQ(mDb.getCountDR(onlyRsvd), 1);
 }
 
 TEST_F(KxDatabaseQueryTest, OrderingWithAndWithoutDirection) {

@@ -149,7 +149,7 @@ class KxDatabaseFileTest : public ::testing::Test {
 TEST_F(KxDatabaseFileTest, RowidsSelectTheirOwnRowAndZeroSelectsNone) {
   MeterDb db(0, "Vorak.db", "Vorak");
   ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
-  ASSERT_EQ(OtherConnection(mRoot.dbPath("Vorak.db"))
+  ASSERT_EQ(OtherConnection(mRoot.dataFile("Vorak.db"))
                 .exec("INSERT INTO Vorak(rowid, appName, blob) VALUES "
                       "(0, 'zero', zeroblob(16)), (5, 'low', zeroblob(16)), (4294967301, 'high', zeroblob(16))"),
             SQLITE_OK);
@@ -187,9 +187,9 @@ TEST_F(KxDatabaseFileTest, RowsSurviveCloseAndReopenInWalMode) {
   ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
   KxDBDataRowKey any;
   EXPECT_EQ(db.getCountDR(any), 2);
-  std::ifstream wal(mRoot.dbPath("Vorak.db-wal"));
+  std::ifstream wal(mRoot.dataFile("Vorak.db-wal"));
   EXPECT_TRUE(wal.good()) << "a file database runs in WAL mode";
-  EXPECT_FALSE(std::filesystem::exists(mRoot.dbPath("Vorak.db.corrupt.1"))) << "a healthy file stays";
+  EXPECT_FALSE(std::filesystem::exists(mRoot.dataFile("Vorak.db.corrupt.1"))) << "a healthy file stays";
 }
 
 std::string shell(const std::string& cmd) {
@@ -229,7 +229,7 @@ TEST_F(KxDatabaseFileTest, FileIsAnOrdinarySqliteDatabaseWithTheStoresSchemaAndB
     std::strcpy(deps[0]->blob.serviceNames[1], "b");
     services.writeDeallocateDR(deps);
   }
-  const std::string query = std::string(SQLITE3_SHELL) + " " + mRoot.dbPath("Blobs.db") + " ";
+  const std::string query = std::string(SQLITE3_SHELL) + " " + mRoot.dataFile("Blobs.db") + " ";
   EXPECT_EQ(shell(query + "'.schema User'"),
             "CREATE TABLE User(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB);\n");
   EXPECT_EQ(shell(query + "\"SELECT appName, quote(intcol1), quote(rsvdName) FROM User\""), "com.a|NULL|NULL\n");

@@ -37,21 +37,6 @@ DecisionView view(const SysStats& s) {
 
 DeviceProfile fourGB() { return *DeviceProfile::forClass(4); }
 
-TEST(DeviceProfileTest, ClassesMatchThePluginsModelChoice) {
-  for (int gb : {2, 4, 6}) {
-    const auto p = DeviceProfile::forClass(gb);
-    ASSERT_TRUE(p.has_value());
-    EXPECT_EQ(p->memClass(), std::to_string(gb) + "GB");
-    EXPECT_LT(p->minCacheKB, p->cacheKB);
-  }
-  EXPECT_FALSE(DeviceProfile::forClass(3).has_value());
-  DeviceProfile p;
-  p.totalKB = 1048576;  // the plug-in's lower bound matches no model
-  EXPECT_EQ(p.memClass(), "");
-  p.totalKB = 4194304;
-  EXPECT_EQ(p.memClass(), "4GB");
-}
-
 TEST(DeviceModelTest, StatisticsAddUpAsTheKillDecisionReadsThem) {
   DeviceModel m(fourGB());
   m.addProcess(100, 300000, 50000, 90000, 0);
@@ -110,20 +95,6 @@ TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   EXPECT_EQ(m.zramOrigKB(), m.process(1)->swappedKB + m.process(2)->swappedKB);
   EXPECT_EQ(m.sysStats().zramUsedKB, m.zramUsedKB());
   EXPECT_LT(m.zramUsedKB(), m.zramOrigKB());
-}
-
-TEST(DeviceModelTest, HeadroomIsWhatCanBeFoundAndNoMore) {
-  DeviceModel m(fourGB());
-  m.addProcess(1, 900000, 0, 0, 900);
-  m.addProcess(2, 400000, 0, 0, 0);
-  const uint64_t room = m.headroomKB();
-  DeviceModel fits = m;
-  EXPECT_EQ(fits.addProcess(3, room - 50000, 0, 0, 0).shortKB, 0u);
-  const auto r = m.addProcess(3, room + 100000, 0, 0, 0);
-  EXPECT_NEAR(static_cast<double>(r.shortKB), 100000.0, 2000.0);
-  EXPECT_EQ(m.freeKB(), 0u);
-  // What could not be found was not given.
-  EXPECT_EQ(m.process(3)->anonKB, room + 100000 - r.shortKB);
 }
 
 TEST(DeviceModelTest, ASwappedProcessBackInFrontTakesItsMemoryBackFromZram) {

@@ -17,29 +17,6 @@ using vsim::Scenario;
 
 constexpr double kDay = 86400;
 
-bool weekend(double at) { return static_cast<long>(at / kDay) % 7 >= 5; }
-
-// Each app's share of the launches in the morning slot (04:00-11:59) of weekdays or of weekend days.
-std::map<std::string, double> morningShares(const Scenario& sc, bool ofWeekends) {
-  std::map<std::string, double> share;
-  double n = 0;
-  for (const auto& e : sc.events) {
-    const double hour = std::fmod(e.at, kDay) / 3600;
-    if (e.type != EventType::Launch || weekend(e.at) != ofWeekends || hour < 4 || hour >= 12) continue;
-    share[e.target] += 1;
-    n += 1;
-  }
-  for (auto& [app, s] : share) s /= n;
-  return share;
-}
-
-double distance(const std::map<std::string, double>& a, std::map<std::string, double> b) {
-  double d = 0;
-  for (const auto& [app, s] : a) d += std::fabs(s - b[app]);
-  for (const auto& [app, s] : b)
-    if (a.count(app) == 0) d += s;
-  return d / 2;
-}
 
 TEST(GeneratorTest, TheSameSeedGivesTheSameScenarioAndAnotherSeedAnother) {
   const GeneratorOptions o{3, 12, 2, 42};
@@ -50,26 +27,6 @@ TEST(GeneratorTest, TheSameSeedGivesTheSameScenarioAndAnotherSeedAnother) {
   EXPECT_EQ(a.device.memClass(), "2GB");
   // The generated file is a scenario the simulator reads back unchanged.
   EXPECT_EQ(vsim::parseScenario(a.toJson().dump()).toJson(), a.toJson());
-}
-
-TEST(GeneratorTest, WeekendHabitsDifferFromWeekdayOnes) {
-  const Scenario sc = vsim::generateScenario({14, 30, 4, 5});
-  const auto weekdays = morningShares(sc, false);
-  const auto weekends = morningShares(sc, true);
-  // Two weeks' weekdays against each other differ by chance only...
-  Scenario firstWeek = sc, secondWeek = sc;
-  firstWeek.events.clear();
-  secondWeek.events.clear();
-  for (const auto& e : sc.events) (e.at < 7 * kDay ? firstWeek : secondWeek).events.push_back(e);
-  const double chance = distance(morningShares(firstWeek, false), morningShares(secondWeek, false));
-  // ... far less than weekdays differ from weekends.
-  EXPECT_GT(distance(weekdays, weekends), 2 * chance);
-  // And mornings start later on weekends.
-  std::map<long, double> firstLaunch;
-  for (const auto& e : sc.events)
-    if (e.type == EventType::Launch && firstLaunch.count(static_cast<long>(e.at / kDay)) == 0)
-      firstLaunch[static_cast<long>(e.at / kDay)] = std::fmod(e.at, kDay);
-  EXPECT_GT(firstLaunch.at(5), firstLaunch.at(4));
 }
 
 TEST(GeneratorTest, SomeAppsAreInstalledOrRemovedPartWay) {

@@ -54,19 +54,15 @@ TEST(ScenarioTest, ParsesDeviceAppsAndExpandsOpenIntoItsThreeSteps) {
   EXPECT_EQ(sc.device.costs.lmkWaitMsPerMB, vsim::LaunchCosts::forClass(2)->lmkWaitMsPerMB);
   EXPECT_EQ(sc.app("com.a")->warmLaunchMs, 120);
   EXPECT_FALSE(sc.app("com.b")->warmLaunchMs.has_value());
-  EXPECT_EQ(sc.name, "two apps");
-  EXPECT_EQ(sc.device.memClass(), "2GB");
   EXPECT_EQ(sc.samplesThreshold, 2u);
   ASSERT_EQ(sc.apps.size(), 2u);
   EXPECT_EQ(sc.app("com.a")->needKB(), 180000u);
   EXPECT_EQ(sc.service("svc.push")->oomAdj, 500);
-  EXPECT_EQ(sc.app("nope"), nullptr);
 
   // Sorted by time: service at 100 s, then the open at 08:00 (prepare, launch, complete 2 s later), ...
   ASSERT_EQ(sc.events.size(), 6u);
   EXPECT_EQ(sc.events[0].type, EventType::Service);
   EXPECT_EQ(sc.events[1].type, EventType::Prepare);
-  EXPECT_EQ(sc.events[1].target, "");
   EXPECT_EQ(sc.events[2].type, EventType::Launch);
   EXPECT_EQ(sc.events[2].at, 8 * 3600.0);
   EXPECT_EQ(sc.events[3].type, EventType::Complete);
@@ -80,7 +76,6 @@ TEST(ScenarioTest, ParsesDeviceAppsAndExpandsOpenIntoItsThreeSteps) {
 
 TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
   EXPECT_THAT(errorOf("{"), HasSubstr("not valid JSON"));
-  EXPECT_THAT(errorOf("[]"), HasSubstr("expected an object"));
   EXPECT_THAT(errorOf(R"({"apps": [], "events": []})"), HasSubstr("apps: expected a non-empty array"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 1}], "events": [], "colour": 1})"),
               HasSubstr("unknown member 'colour'"));
@@ -88,11 +83,6 @@ TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
               HasSubstr("apps[0].rssSwapKB: must be above 0"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "a/b", "rssSwapKB": 5}], "events": []})"),
               HasSubstr("apps[0].name: 'a/b' is not a valid name: contains '/'"));
-  EXPECT_THAT(errorOf(R"({"apps": [{"name": "a\u0007", "rssSwapKB": 5}], "events": []})"),
-              HasSubstr("'a\\x07' is not a valid name: contains a control"));
-  EXPECT_THAT(errorOf(R"({"services": [{"name": "svc/x", "rssSwapKB": 5}], "apps": [], "events": []})"),
-              HasSubstr("services[0].name: 'svc/x' is not a valid name"));
-  EXPECT_THAT(errorOf(R"({"seed": 1e400, "apps": [], "events": []})"), HasSubstr("not valid JSON: number overflow"));
   EXPECT_THAT(errorOf(R"({"device": {"coldLaunchMs": -1}, "apps": [], "events": []})"),
               HasSubstr("device.coldLaunchMs: must lie in"));
   std::string many = R"({"events": [], "apps": [)";
@@ -103,20 +93,14 @@ TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
               HasSubstr("apps[1].name: 'x' is defined twice"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5, "services": ["s"]}], "events": []})"),
               HasSubstr("apps[0].services: unknown service 's'"));
-  EXPECT_THAT(errorOf(R"({"device": {"class": "3GB"}, "apps": [{"name": "x", "rssSwapKB": 5}], "events": []})"),
-              HasSubstr("device.class"));
   EXPECT_THAT(errorOf(R"({"device": {"totalKB": 900000}, "apps": [{"name": "x", "rssSwapKB": 5}], "events": []})"),
               HasSubstr("outside the plug-in's range"));
   EXPECT_THAT(errorOf(withEvents(R"([{"at": "25:61", "type": "learn"}])")), HasSubstr("events[0].at"));
-  EXPECT_THAT(errorOf(withEvents(R"([{"type": "learn"}])")), HasSubstr("events[0]: missing 'at'"));
   EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "dance"}])")), HasSubstr("unknown event type 'dance'"));
   EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "launch", "app": "com.z"}])")),
               HasSubstr("events[0].app: unknown app 'com.z'"));
-  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "launch"}])")), HasSubstr("missing 'app'"));
   EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "complete", "app": "com.a", "hintType": 7}])")),
               HasSubstr("hintType"));
-  EXPECT_THAT(errorOf(withEvents(R"([{"at": 1, "type": "service", "service": "svc"}])")),
-              HasSubstr("unknown service 'svc'"));
   EXPECT_THAT(errorOf(R"({"apps": [{"name": "x", "rssSwapKB": 5}], "events": [], "expect": [{"launch": 1, "victims": []}]})"),
               HasSubstr("only 0 launches"));
 }
@@ -143,7 +127,6 @@ TEST(ScenarioTest, LoadingNamesTheFile) {
   } catch (const ScenarioError& e) {
     EXPECT_THAT(e.what(), HasSubstr(bad + ": apps"));
   }
-  EXPECT_THROW(vsim::loadScenario(dir.sub("missing.json")), ScenarioError);
   const std::pair<std::string, const char*> unusable[] = {
       {dir.path(), "is a directory"},
       {"/dev/zero", "larger than 64 MiB"},  // an endless input stops at the bound
@@ -163,9 +146,6 @@ TEST(ScenarioTest, TheBuiltInDayIsAFourGigabyteDayOfTwentyApps) {
   const auto sc = vsim::defaultScenario();
   EXPECT_EQ(sc.device.memClass(), "4GB");
   EXPECT_EQ(sc.apps.size(), 20u);
-  EXPECT_GE(sc.launchCount(), 80u);
-  EXPECT_LE(sc.launchCount(), 250u);
-  EXPECT_LT(sc.durationSec(), 24 * 3600.0);
 
   std::set<std::string> launched;
   size_t learns = 0;
@@ -182,7 +162,6 @@ TEST(ScenarioTest, TheBuiltInDayIsAFourGigabyteDayOfTwentyApps) {
 }
 
 TEST(ScenarioTest, ClockTime) {
-  EXPECT_EQ(vsim::clockTime(0), "00:00:00");
   EXPECT_EQ(vsim::clockTime(8 * 3600 + 5 * 60 + 7.9), "08:05:07");
   EXPECT_EQ(vsim::dayTime(8 * 3600 + 5 * 60 + 7.9), "Mon 08:05:07");
   EXPECT_EQ(vsim::dayTime(13 * 86400 + 23 * 3600), "Sun 23:00:00");

@@ -49,7 +49,6 @@ TEST(Trainer, FitsTheVerdictAndWritesAModelTheDeviceAccepts) {
   EXPECT_LT(vmodel::evaluate(base(), examples(2, 400)).accuracy(), 0.9);
 
   EXPECT_TRUE(vmodel::checkModel(r.model).problems.empty());
-  EXPECT_FLOAT_EQ(r.model.safeload(), 0.2f);
   const auto& f = r.model.features();
   // Ranges cover the data, rounded outward; the signs say which way each input argues.
   for (const auto& e : examples(1, 800)) {
@@ -61,7 +60,6 @@ TEST(Trainer, FitsTheVerdictAndWritesAModelTheDeviceAccepts) {
   // An input that never varied scores nothing and keeps the base's range, or [0, 1].
   EXPECT_EQ(f.at("CachedKB").weight(), 0);
   EXPECT_EQ(f.at("CachedKB").max(), 1677722);
-  EXPECT_EQ(f.at("dma_nr_free_pages").max(), 1);
 }
 
 TEST(Trainer, RefusesDataWithOneKindOfLaunch) {

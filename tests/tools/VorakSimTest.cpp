@@ -76,11 +76,6 @@ TEST_F(VorakSim, KillsTheExpectedVictimsAndLeavesDatabasesVorakDbCanRead) {
   EXPECT_GE(last["victims"][0]["kb"].get<double>(), last["amountKB"].get<double>());
   EXPECT_EQ(report["summary"]["coveredLaunches"], report["summary"]["askingLaunches"]);
 
-  for (const auto& a : report["apps"]) {
-    if (a["name"] != "com.test.target") continue;
-    EXPECT_EQ(a["learntRssSwapKB"], 200000);
-    EXPECT_EQ(a["learntIonKgslKB"], 50000);
-  }
 
   // The run directory keeps everything.
   for (const char* f : {"report.txt", "report.json", "timeline.svg", "vorak.log", "scenario.json"})
@@ -172,7 +167,6 @@ TEST_F(VorakSim, ImportsAnEventLogIntoAScenarioItPlays) {
   for (const std::vector<std::string>& bad : {
            std::vector<std::string>{"import", log},  // its dates have no year
            {"import", mDir.path(), "--year", "2025"},
-           {"import", "/dev/zero", "--year", "2025"},
            {"import", log, "--year", "2025", "--figures", mDir.write("f.csv", "a.b,1,2,3\nc.d,1,2\n")},
            {"import", log, "--year", "2025", "--device", "3"},
            {"import"},
@@ -181,7 +175,6 @@ TEST_F(VorakSim, ImportsAnEventLogIntoAScenarioItPlays) {
     EXPECT_EQ(b.code, 2) << b.err;
     EXPECT_EQ(std::count(b.err.begin(), b.err.end(), '\n'), 1) << b.err;
   }
-  EXPECT_THAT(sim({"import", log}).err, HasSubstr("--year"));
 }
 
 TEST_F(VorakSim, RejectsBrokenScenariosWithOneLine) {
@@ -204,9 +197,6 @@ TEST_F(VorakSim, RejectsBrokenScenariosWithOneLine) {
     EXPECT_EQ(bad.code, 2) << args[0];
     EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << bad.err;
   }
-  const ToolRun gen = sim({"--generate", "--days", "2", "--apps", "5", "--device", "6", "--seed", "9"});
-  EXPECT_EQ(gen.code, 0);
-  EXPECT_EQ(gen.out, sim({"--generate", "--days", "2", "--apps", "5", "--device", "6", "--seed", "9"}).out);
   const ToolRun help = sim({"--help"});
   EXPECT_EQ(help.code, 0);
   EXPECT_THAT(help.out, HasSubstr("--run-dir"));
@@ -220,18 +210,6 @@ TEST_F(VorakSim, AMissingPluginOrModelIsAClearError) {
   r = sim({std::string(VORAK_TEST_DATA) + "/evict-one.json", "--run-dir", mDir.sub("b"), "--models", mDir.path()});
   EXPECT_EQ(r.code, 2);
   EXPECT_THAT(r.err, HasSubstr("no vorak_*.data model files"));
-}
-
-TEST_F(VorakSim, TheSafeloadKnobMovesTheAmountToFree) {
-  // The last launch of the scenario knows its need: its amount follows safeload.
-  auto amount = [&](const std::string& policy) {
-    const std::string dir = mDir.sub(policy);
-    sim({std::string(VORAK_TEST_DATA) + "/evict-one.json", "--policy", policy, "--run-dir", dir, "-q"});
-    return json::parse(slurp(dir + "/report.json"))["launches"][5]["amountKB"].get<double>();
-  };
-  const double low = amount("vorak:safeload=0.1"), high = amount("vorak:safeload=0.3");
-  // By 0.2 times the whole of memory as the model sees it: some hundreds of MB on this 1.9 GB device.
-  EXPECT_GT(high - low, 100000);
 }
 
 TEST_F(VorakSim, UnmetExpectationsFailTheRun) {

@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,7 @@
 #include "AndroidLog.h"
 #include "DependentServices.h"
 #include "FeatureInfo.h"
+#include "FetchPreferredApps.h"
 #include "FsRoot.h"
 #include "MemPerfd.h"
 #include "Properties.h"
@@ -36,69 +38,14 @@
 #include "Vorak.pb.h"
 #include "VorakAction.h"
 #include "VorakFeature.h"
+#include "VorakFeatureNames.h"
 #include "WallClock.h"
 #include "kxhost/LogCapture.h"
+#include "support/FakeStats.h"
 #include "support/PutRows.h"
 #include "support/TempDir.h"
 
 namespace {
-
-class FakeStats : public kxhost::StatsSource {
- public:
-  SysStats sysStats() override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    ++mSysCalls;
-    return mSys;
-  }
-  PIDStats pidStats(int pid) override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    for (const PIDStats& p : mProcs) {
-      if (p.pid == pid) return p;
-    }
-    return PIDStats{-1, 0, 0, 0, {}, 0};
-  }
-  std::vector<PIDStats> pidStatsRange(int minAdj, int maxAdj) override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    // Newest first: the host promises no order.
-    std::vector<PIDStats> out;
-    for (auto p = mProcs.rbegin(); p != mProcs.rend(); ++p) {
-      if (p->oomScoreAdj >= minAdj && p->oomScoreAdj <= maxAdj) out.push_back(*p);
-    }
-    return out;
-  }
-  void setSys(const SysStats& s) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mSys = s;
-  }
-  // A background process whose three memory figures add up to `memKB`,
-  // named as the kernel keeps an app's name: its last 15 characters.
-  void addProcess(int pid, uint64_t memKB, const std::string& name) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    PIDStats p{pid, memKB / 4, 900, memKB / 2, {}, memKB - memKB / 4 - memKB / 2, 5000u + pid};
-    name.copy(p.comm, 15, name.size() > 15 ? name.size() - 15 : 0);
-    mProcs.push_back(p);
-  }
-  // From now on the pid names another process, started later.
-  void reuse(int pid) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    for (PIDStats& p : mProcs) p.startTime += p.pid == pid ? 777 : 0;
-  }
-  void removeProcess(int pid) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mProcs.erase(std::remove_if(mProcs.begin(), mProcs.end(), [pid](const PIDStats& p) { return p.pid == pid; }),
-                 mProcs.end());
-  }
-  int sysCalls() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mSysCalls;
-  }
-
- private:
-  std::mutex mMutex;
-  SysStats mSys{};
-  std::vector<PIDStats> mProcs;
-  int mSysCalls = 0;
-};
 
 // A 4GB-class device in the middle of its day, only the normal zone in use.
 // Derived: FreeKB 200000, anon 1200000, file 1100000, page cache 1050000,
@@ -222,7 +169,7 @@ class VorakActionTest : public ::testing::Test {
     kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
     kxhost::setProperty("vendor.debug.trace.VORAK", "1");
     kxhost::ServiceRegistry::instance().clear();
-    mStats = std::make_shared<FakeStats>();
+    mStats = std::make_shared<kxtest::FakeStats>();
     mStats->setSys(ordinaryStats());
     kxhost::setStatsSource(mStats);
     writeModel(mDir, -0.5f, 0.25f, {{"FreeKB", 0, 1000000, -2}, {"howMuchToKill", 0, 1000000, 4}});
@@ -306,15 +253,23 @@ class VorakActionTest : public ::testing::Test {
   // then on: true when the action had killed it.
   bool killed(pid_t pid) {
     const bool byAction = mChildren.killedByAction(pid);
-    mStats->removeProcess(pid);
+    mStats->remove(pid);
     return byAction;
   }
 
   float feature(const VorakAction& a, const char* name) { return a.modelFeatures().at(name).value; }
+  // The score's sum as the last " Sum of weights" line gives it.
+  float loggedSum() {
+    float sum = NAN;
+    for (const kxhost::LogLine& l : mLog.lines()) {
+      if (const char* at = std::strstr(l.msg.c_str(), " Sum of weights = (")) std::sscanf(at, " Sum of weights = (%f)", &sum);
+    }
+    return sum;
+  }
 
   kxtest::TempDir mDir;
   kxhost::LogCapture mLog;
-  std::shared_ptr<FakeStats> mStats;
+  std::shared_ptr<kxtest::FakeStats> mStats;
   Children mChildren;
   std::unique_ptr<VorakFeature> mFeature;
   KxDatabase<_vorak_User_Launched_Data> mUser{100, "", "Vorak"};
@@ -372,6 +327,8 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
       {"product out of range", ordinaryStats(), 300000, 100000, 1.0e6f, -955000, 0, "We need not kill here."},
       // A safeload that is not a number: no amount at all.
       {"safeload NaN", ordinaryStats(), 300000, 100000, NAN, NAN, 0, "(appName,memToGenerate) = (app7, nan)"},
+      // 0.25 * 3860000 - (1355000 - 390001): the least budget that is passed on.
+      {"one KB", ordinaryStats(), 290001, 100000, 0.25f, 1, 1, "(appName,memToGenerate) = (app8, 1.000000)"},
   };
   int i = 0;
   for (const DecideCase& c : cases) {
@@ -388,29 +345,52 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
   }
 }
 
-TEST_F(VorakActionTest, DecideKillDerivesTheModelInputs) {
+// Every model input, from a record whose figures all differ (each zone's
+// too), against the rules worked in plain arithmetic: an input left unset
+// or taken from the wrong figure shows.
+TEST_F(VorakActionTest, DecideKillStoresEveryModelInput) {
+  uint64_t f[37];
+  for (int i = 0; i < 37; ++i) f[i] = 1000 * (i + 1) + 4 * i + 3;
+  f[1] = 3900000;  // total memory: the 4GB model
+  SysStats s;
+  std::memcpy(&s, f, sizeof(s));
+  mStats->setSys(s);
   VorakAction& a = action(0.375f);
+  const double kA = 300000, kU = 100000;
   learn(a, "com.a", 300000, 100000);
   a.decideKill("com.a");
-  const std::map<std::string, float> expected = {
-      {"FreeKB", 200000},        {"CachedKB", 1020000},      {"SlabKB", 130000},
-      {"TotalAnonPages", 300000}, {"nrFreeCMAPages", 2000},  {"normal_nr_active_file", 150000},
-      {"available", 1355000},    {"load", 2505000},          {"a_plus_l", 3860000},
-      {"nmload", 1155000},       {"mload", 1350000},         {"newLoad", 400000},
-      {"killsafeANON", 300000},  {"killsafeUNRECLAIM", 100000},
-      {"freeByTotal", 955000.0f / 3860000.0f},
-      {"freeByLoad", 955000.0f / 2905000.0f},
-      {"zramCapacity", 1.55f},   {"compressable", 1320000},
-      {"zramEff", 132000000.0f / 1770000.0f},
-      {"grandRatio", (955000.0f / 2905000.0f) / 1.55f},
-      {"activeFile", 150000},    {"activeAnon", 200000},     {"inactiveFile", 125000},
-      {"inactiveAnon", 100000},
-      // 100 * (300000 + 150000 + 200000) / (200000 + 300000 + 150000 + 200000 + 125000 + 100000)
-      {"wholesome_vmp", 100.0f * 650000.0f / 1075000.0f},
-  };
-  for (const auto& [name, value] : expected) EXPECT_FLOAT_EQ(feature(a, name.c_str()), value) << name;
-  // -2 * 0.2 + 4 * 0.4925 - 0.5
-  EXPECT_TRUE(mLog.contains(" Sum of weights = (1.070000)"));
+
+  auto zones = [&](int k) { return double(f[17 + k] + f[22 + k] + f[27 + k] + f[32 + k]); };  // 0 free .. 4
+  const double freeKB = zones(0), anon = zones(1) + zones(2), file = zones(3) + zones(4);
+  const double pageCache = file - (f[13] + f[8]), cached = pageCache - f[16];
+  const double accounted = freeKB + pageCache + anon + f[13] + f[8] + f[14] + f[2] + f[10] + f[9] + f[4] + f[7] + f[3];
+  const double other = f[1] - accounted, load = anon + other + f[9] + f[10] + f[4] + f[7];
+  const double available = freeKB + f[9] + f[3] + f[8] + cached, aPlusL = available + load;
+  const double freeAfter = available - (kA + kU), compressable = anon + f[12];
+  const double zramCapacity = (2.0 * f[6] - f[5]) / f[6], freeByLoad = freeAfter / (kA + kU + load);
+  std::map<std::string, double> expected = {
+      {"FreeKB", freeKB}, {"CachedKB", cached}, {"BuffersKB", f[8]}, {"SReclaimKB", f[9]},
+      {"SlabKB", f[9] + f[10]}, {"ZUsedKB", f[4]}, {"UnReclaimableKB", f[7]}, {"ReclaimableKB", f[3]},
+      {"ZOrigKB", f[5]}, {"TotalAnonPages", std::floor(anon / 4)}, {"nrFreeCMAPages", f[11] / 4},
+      {"MappedFileKB", f[12]}, {"killsafeANON", kA}, {"killsafeUNRECLAIM", kU}, {"available", available},
+      {"load", load}, {"a_plus_l", aPlusL}, {"nmload", f[10] + f[7] + f[9] + other}, {"mload", anon + f[4]},
+      {"newLoad", kA + kU}, {"freeByTotal", freeAfter / aPlusL}, {"freeByLoad", freeByLoad},
+      {"zramCapacity", zramCapacity}, {"compressable", compressable},
+      {"zramEff", std::floor(compressable * 100) / (f[5] + compressable)}, {"grandRatio", freeByLoad / zramCapacity},
+      {"activeFile", zones(3) / 4}, {"activeAnon", zones(1) / 4}, {"inactiveFile", zones(4) / 4},
+      {"inactiveAnon", zones(2) / 4},
+      {"wholesome_vmp", 100 * std::floor(kA + (zones(3) + zones(1)) / 4) /
+                            std::floor(freeKB + kA + (zones(1) + zones(2) + zones(3) + zones(4)) / 4)},
+      {"howMuchToKill", 0.375 * aPlusL - freeAfter}};
+  const char* const counters[] = {"free_pages", "active_anon", "inactive_anon", "active_file", "inactive_file"};
+  const char* const zoneNames[] = {"dma", "normal", "movable", "highMem"};
+  for (int z = 0; z < 4; ++z) {
+    for (int k = 0; k < (z == 2 ? 3 : 5); ++k) expected[std::string(zoneNames[z]) + "_nr_" + counters[k]] = f[17 + 5 * z + k] / 4;
+  }
+  ASSERT_EQ(expected.size(), kVorakFeatureNames.size());
+  for (const auto& [name, want] : expected) EXPECT_NEAR(feature(a, name.c_str()), want, 1e-6 * std::fabs(want) + 1e-6) << name;
+  // The model scores FreeKB (weight -2) and howMuchToKill (weight 4), both over 0..1000000.
+  EXPECT_NEAR(loggedSum(), -2 * freeKB / 1e6 + 4 * expected["howMuchToKill"] / 1e6 - 0.5, 1e-5);
 }
 
 TEST_F(VorakActionTest, ScoreTakesMinusOneAsAFailedStep) {
@@ -448,19 +428,6 @@ TEST_F(VorakActionTest, DecideKillWithoutLearntRowReadsNoStatistics) {
 }
 
 // --------------------------------------------------------------------- vorak
-
-TEST_F(VorakActionTest, VorakTakesTheSmallestSufficient) {
-  const pid_t small = background(10000), fit = background(40000), big = background(90000);
-  VorakAction& a = action();
-  a.generateTaskList();
-  EXPECT_FLOAT_EQ(a.vorak(30000), 40000);
-  EXPECT_EQ(killOrder(mLog), std::vector<std::string>{entry("bg", fit, 40000)});
-  EXPECT_TRUE(killed(fit));
-  EXPECT_FALSE(killed(small));
-  EXPECT_FALSE(killed(big));
-  // When none covers the rest, the largest goes first: see the favourites'
-  // test below.
-}
 
 // Equal memories keep the order in which they were listed (the source lists
 // the newest first), favourites that of their slot: the first of them is
@@ -545,41 +512,53 @@ TEST_F(VorakActionTest, VorakActsOnlyInsideTheBudgetWindow) {
   a.generateTaskList();
   EXPECT_FLOAT_EQ(a.vorak(614400), 1000);
   EXPECT_TRUE(killed(edge));
-}
 
-TEST_F(VorakActionTest, FavouritesAndUserLaunchedAppsGoAfterTheBackground) {
-  const pid_t bg = background(10000), fav = background(40000), user = background(90000), favMissing = background(20000);
-  putSlot("week_end_1", "com.fav/com.nopid/");
-  putPid(mFavPid, "com.fav", fav);
-  putPid(mStartProc, "com.user", user);
-
-  VorakAction& a = action();
-  a.generateTaskList();
-  EXPECT_EQ(a.favoriteList().size(), 1u);
-  EXPECT_EQ(a.userLaunchedList().size(), 1u);
-  EXPECT_EQ(mLog.count("The App (com.nopid) entry is missing from FavPID DB"), 1u);
-
-  // None of them covers 150000: the largest of the background first, then
-  // the rest of it, then the favourite, then the user's app.
-  EXPECT_FLOAT_EQ(a.vorak(150000), 160000);
-  EXPECT_EQ(killOrder(mLog), (std::vector<std::string>{entry("bg", favMissing, 20000), entry("bg", bg, 10000),
-                                                        entry("Fav", fav, 40000), entry("User", user, 90000)}));
-  for (pid_t pid : {bg, fav, user, favMissing}) EXPECT_TRUE(killed(pid));
-}
-
-TEST_F(VorakActionTest, DuplicateSlotRowsAreReportedAndTheFirstIsUsed) {
-  const pid_t fav = background(40000), other = background(50000);
+  // Half a KB still to find after the background is used up: a favourite goes for it.
+  const pid_t bg = background(30000), fav = background(1000);
   putSlot("week_end_1", "com.fav");
+  putPid(mFavPid, "com.fav", fav);
+  a.generateTaskList();
+  EXPECT_FLOAT_EQ(a.vorak(30000.5f), 31000);
+  EXPECT_TRUE(killed(bg));
+  EXPECT_TRUE(killed(fav));
+}
+
+// Only a favourite with exactly one pid row leaves the background list; the
+// rest are reported and stay there. A slot with two rows uses its first.
+TEST_F(VorakActionTest, FavouritesNeedOnePidRowAndTheSlotsFirstRow) {
+  const pid_t fav = background(40000), other = background(50000), dup = background(60000);
+  putSlot("week_end_1", "com.fav/com.nopid//com.dup");
   putSlot("week_end_1", "com.other");
   putPid(mFavPid, "com.fav", fav);
   putPid(mFavPid, "com.other", other);
+  putPid(mFavPid, "com.dup", dup);
+  putPid(mFavPid, "com.dup", dup);
   VorakAction& a = action();
   a.generateTaskList();
-  EXPECT_TRUE(mLog.contains("There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot."));
+  EXPECT_EQ(mLog.count("There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot."), 1u);
+  EXPECT_EQ(mLog.count("The App (com.nopid) entry is missing from FavPID DB"), 1u);
+  EXPECT_EQ(mLog.count("There is some problem with App = (com.dup) as it has > 1 entries in FavPID DB."), 1u);
+  EXPECT_EQ(mLog.count("entry is missing"), 1u);
   ASSERT_EQ(a.favoriteList().size(), 1u);
   EXPECT_EQ(a.favoriteList().begin()->second, fav);
-  ASSERT_EQ(a.backgroundList().size(), 1u);
-  EXPECT_EQ(a.backgroundList().begin()->second, other);
+  EXPECT_EQ(a.backgroundList().size(), 2u);
+  EXPECT_TRUE(a.userLaunchedList().empty());
+  // A clock that localtime cannot read gives no slot, so no favourite.
+  gNow = std::numeric_limits<time_t>::max();
+  a.generateTaskList();
+  EXPECT_TRUE(a.favoriteList().empty());
+  EXPECT_EQ(mLog.count("Couldnt get current week_day and tim_slot info. Return empty string to not kill Fav Apps."), 1u);
+}
+
+// The host's background range is 700 to 1000, both bounds included.
+TEST_F(VorakActionTest, OnlyTheBackgroundRangeIsListed) {
+  for (int adj : {699, 700, 1000, 1001}) mStats->addProcess(100000 + adj, 30000, "sleeper", adj);
+  VorakAction& a = action();
+  a.generateTaskList();
+  std::vector<int> listed;
+  for (const auto& entry : a.backgroundList()) listed.push_back(entry.second);
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(listed, (std::vector<int>{100700, 101000}));
 }
 
 TEST_F(VorakActionTest, TimeSlotKeysTurnAtTheirHours) {
@@ -697,6 +676,32 @@ TEST_F(VorakActionTest, RunningServicesOfTheAppAreCollected) {
   // Every listed service is accounted for by name, the one not running
   // too, learnt needs or not.
   EXPECT_EQ(a.getNonRAMServicesMemory("com.cam"), 0);
+  // The next app's set starts empty.
+  a.updateAppServices("com.other");
+  EXPECT_TRUE(a.appServicePids().empty());
+  EXPECT_TRUE(mLog.contains("inRAMServiceSet size for AppName = com.other is 0"));
+}
+
+// With neither users nor favourites known yet, a launch lets the host seed
+// the favourites from its launch history; once either is known it does not.
+TEST_F(VorakActionTest, LaunchSeedsFavouritesOnlyWhenNothingIsKnown) {
+  VorakAction& a = action();
+  for (const auto& [user, slot, seeded] : {std::tuple{false, false, true}, {true, false, false}, {false, true, false}}) {
+    SCOPED_TRACE(std::to_string(user) + std::to_string(slot));
+    KxDBDataRowKey all("", KXDB_INTCOL_UNSET);
+    mUser.deleteAllDR(all);
+    mFavSlot.deleteAllDR(all);
+    FetchPreferredApps::clearHistory();
+    FetchPreferredApps::noteLaunch("com.habit", gNow - 86400 * 7);
+    FetchPreferredApps::noteLaunch("com.habit", gNow);
+    if (user) putPid(mUser, "com.u", 1);
+    if (slot) putSlot("week_day_4", "com.s");
+    a.applyAction(hint(4162));
+    a.applyAction(hint(4225, 2, "com.launch"));
+    KxDBDataRowKey key("week_end_1", KXDB_INTCOL_UNSET);
+    EXPECT_EQ(mFavSlot.getCountDR(key), seeded ? 1 : 0);
+  }
+  FetchPreferredApps::clearHistory();
 }
 
 // The service pass asks for the app's services not accounted for (none, as

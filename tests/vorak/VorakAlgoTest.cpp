@@ -111,14 +111,20 @@ TEST_F(VorakAlgoTest, LearnsTheTruncatedMeanOfEveryDueNameAndForgetsItsSamples) 
   for (int64_t rss : {100, 101, 103}) sample("com.a", -1, rss);
   sample("com.b", -1, 5, 2);
   sample("svc.c", 7, 9);
+  sample("svc.d", 1, 2, 3);
   due("com.a");
   due("com.b");
+  due("svc.d", APP_STATE_RELEARN_DUE);
   run();
   EXPECT_EQ(learnt("com.a")[0].first, Learnt(-1, 101));
   EXPECT_EQ(learnt("com.b")[0].first, Learnt(-1, 5));
   EXPECT_EQ(samples("com.a") + samples("com.b"), 0);
   EXPECT_TRUE(learnt("svc.c").empty()) << "still collecting";
   EXPECT_EQ(samples("svc.c"), 1);
+  EXPECT_TRUE(learnt("svc.d").empty()) << "due again: left as it is";
+  EXPECT_EQ(samples("svc.d"), 3);
+  EXPECT_EQ(mState.readState("svc.d"), APP_STATE_RELEARN_DUE);
+  EXPECT_EQ(mState.readState("com.a"), APP_STATE_LEARNING_DUE) << "the host marks it learnt";
 }
 
 // Samples keep arriving while the name is learnt again and again: each mean
@@ -186,15 +192,6 @@ TEST_F(VorakAlgoTest, DividesByTheFullCountWhenTheReadIsCapped) {
   run();
   // 10000 samples read and summed, divided by all 10005 stored.
   EXPECT_EQ(learnt("com.a")[0].first, Learnt(10000, 10000));
-}
-
-TEST_F(VorakAlgoTest, NamesDueAgainAreLeftAsTheyAre) {
-  sample("com.a", 1, 2, 3);
-  due("com.a", APP_STATE_RELEARN_DUE);
-  run();
-  EXPECT_TRUE(learnt("com.a").empty());
-  EXPECT_EQ(samples("com.a"), 3);
-  EXPECT_EQ(mState.readState("com.a"), APP_STATE_RELEARN_DUE);
 }
 
 int weekdayOf(std::time_t t) {

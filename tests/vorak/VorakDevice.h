@@ -14,6 +14,7 @@
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
 #include "VorakFeature.h"
+#include "support/FakeStats.h"
 #include "support/TempDir.h"
 
 class VorakFeatureTestPeer {
@@ -44,25 +45,6 @@ class VorakFeatureTestPeer {
 namespace vorakdev {
 
 constexpr uint64_t k4GB = 4194304;
-
-class FixedStats : public kxhost::StatsSource {
- public:
-  explicit FixedStats(uint64_t totalKB) : mTotalKB(totalKB) {}
-  SysStats sysStats() override {
-    SysStats s{};
-    s.totalKB = mTotalKB;
-    return s;
-  }
-  PIDStats pidStats(int pid) override {
-    PIDStats s{};
-    s.pid = pid;
-    return s;
-  }
-  std::vector<PIDStats> pidStatsRange(int, int) override { return {}; }
-
- private:
-  const uint64_t mTotalKB;
-};
 
 // The statistics of a 4 GB device with `freeKB` free.
 inline SysStats sysStats4GB(uint64_t freeKB) {
@@ -103,7 +85,13 @@ class Device {
     kxhost::setFsRoot("");
   }
 
-  void setMemTotal(uint64_t kb) { kxhost::setStatsSource(std::make_shared<FixedStats>(kb)); }
+  void setMemTotal(uint64_t kb) {
+    auto stats = std::make_shared<kxtest::FakeStats>();
+    SysStats s{};
+    s.totalKB = kb;
+    stats->setSys(s);
+    kxhost::setStatsSource(stats);
+  }
   void writeModel(const std::string& memClass, const std::string& bytes) { mDir.write(modelPath(memClass), bytes); }
   void removeModels() { std::filesystem::remove_all(mDir.sub("vendor")); }
   const kxtest::TempDir& dir() const { return mDir; }

@@ -20,32 +20,12 @@
 #include "StatsProvider.h"
 #include "VorakMetaMeter.h"
 #include "kxhost/LogCapture.h"
+#include "support/FakeStats.h"
 #include "support/PutRows.h"
 #include "support/Sleepers.h"
 #include "support/TempDir.h"
 
 namespace {
-
-// Per-process figures keyed by pid; unknown pids come back as -1.
-class FakeStats : public kxhost::StatsSource {
- public:
-  SysStats sysStats() override { return SysStats{}; }
-  PIDStats pidStats(int pid) override {
-    std::lock_guard<std::mutex> lock(mMutex);
-    auto it = mProcs.find(pid);
-    return it != mProcs.end() ? it->second : PIDStats{-1, 0, 0, 0, {}, 0};
-  }
-  std::vector<PIDStats> pidStatsRange(int, int) override { return {}; }
-  // rssFileKB is set apart from the two recorded figures so a mix-up shows.
-  void set(int pid, uint64_t rssAnonSwapKB, uint64_t gpuKB) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mProcs[pid] = PIDStats{pid, 777777, 0, rssAnonSwapKB, "svc", gpuKB};
-  }
-
- private:
-  std::mutex mMutex;
-  std::map<int, PIDStats> mProcs;
-};
 
 using Sample = std::pair<int64_t, int64_t>;  // ionKgsl, rssSwap
 
@@ -128,12 +108,17 @@ class VorakMetaMeterTest : public ::testing::Test {
     registry.setAppServices(app, services);
     for (size_t i = 0; i < pids.size(); ++i) {
       registry.setServicePid(services[i], pids[i]);
-      mStats->set(pids[i], 1000 + i, 10 + i);
+      setFigures(pids[i], 1000 + i, 10 + i);
     }
   }
 
+  // rssFileKB is set apart from the two recorded figures so a mix-up shows.
+  void setFigures(int pid, uint64_t rssAnonSwapKB, uint64_t gpuKB) {
+    mStats->set(PIDStats{pid, 777777, 0, rssAnonSwapKB, "svc", gpuKB});
+  }
+
   kxtest::TempDir mDir;
-  std::shared_ptr<FakeStats> mStats = std::make_shared<FakeStats>();
+  std::shared_ptr<kxtest::FakeStats> mStats = std::make_shared<kxtest::FakeStats>();
   KxDatabase<_vorak_Meter_Data> mMeterDb{100, "", "Vorak"};
   KxDatabase<_vorak_App_Service_In> mServiceInDb{100, "", "Vorak"};
   FeatureInfo mInfo;
@@ -151,8 +136,8 @@ TEST_F(VorakMetaMeterTest, AcceptsOnlyAFirstMeterNamedMemory) {
 
   meters = {lower.get(), memory.get()};
   EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
-  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() "));
-  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory ", ANDROID_LOG_ERROR));
+  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() ", ANDROID_LOG_ERROR));
+  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory "));
 
   meters.clear();
   EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
@@ -248,7 +233,7 @@ TEST_F(VorakMetaMeterTest, PairsServiceNamesWithLivePidsByPositionSkippingTheLau
   setServices("com.a", {"svc.0", "svc.1", "svc.2", "svc.3"}, {});
   kxhost::ServiceRegistry::instance().setServicePid("svc.2", launch);
   kxhost::ServiceRegistry::instance().setServicePid("svc.3", other);
-  mStats->set(other, 2000, 20);
+  setFigures(other, 2000, 20);
   EXPECT_TRUE(record(memoryMeter("com.a", launch, {1}, {1})));
 
   auto first = samplesOf("svc.0");
@@ -325,6 +310,20 @@ TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
     EXPECT_TRUE(mMeter->writeToInputDb(name, 1, 1));
     EXPECT_EQ(mState.readState(name), to) << "from " << from;
   }
+}
+
+TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
+  kxhost::LogCapture log;
+  VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
+  std::string app = "com.a";
+  EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
+  EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
+  EXPECT_EQ(log.count("Input database does not exist"), 1u);
+  auto sample = memoryMeter(app, 1, {1}, {1});
+  EXPECT_FALSE(bare.writeToDataBase({sample.get()}));
+  EXPECT_EQ(log.count("Failed @ DBhandle mVorakDb"), 1u);
+  EXPECT_TRUE(mMeter->writeToAppServiceInputDb(app, {"svc.a"}));
+  EXPECT_EQ(storedServices(app)[0], "svc.a");
 }
 
 TEST_F(VorakMetaMeterTest, ServicesDueForLearningAreNotSampled) {

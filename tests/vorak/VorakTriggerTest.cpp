@@ -249,41 +249,30 @@ class VorakWorker : public ::testing::Test {
   VorakFeature::UserDb *mUser = nullptr, *mStart = nullptr, *mFav = nullptr;
 };
 
-TEST_F(VorakWorker, PrepareKeepsOneUserRowWithTheLatestPid) {
-  run(kPrepare, 0, "com.a", 10);
-  run(kPrepare, 0, "com.a", 10);
-  EXPECT_EQ(values(mUser, "com.a"), Ints{10});
-  run(kPrepare, 0, "com.a", 11);
-  EXPECT_EQ(values(mUser, "com.a"), Ints{11});
-  EXPECT_EQ(values(mStart, "com.a"), Ints{});
-  EXPECT_EQ(values(mFav, "com.a"), Ints{});
-}
-
-TEST_F(VorakWorker, LaunchCompletionUpdatesFavouriteAndStartProc) {
-  run(kLaunch, 2, "com.a", 20);  // queued, ignored by the worker
-  EXPECT_EQ(values(mStart, "com.a"), Ints{});
-  run(kLaunch, 101, "com.a", 21);
-  EXPECT_EQ(values(mStart, "com.a"), Ints{21});
-  EXPECT_EQ(values(mFav, "com.a"), Ints{});  // not created when missing
-  addRow(mFav, "com.a", 1);
-  run(kLaunch, 102, "com.a", 22);
-  EXPECT_EQ(values(mFav, "com.a"), Ints{22});
-  EXPECT_EQ(values(mStart, "com.a"), Ints{22});
-}
-
-TEST_F(VorakWorker, RemovalClearsTheAppFromTheUserTables) {
+// Preparation keeps one User row with the latest pid; completion updates
+// StartProc and an existing FavoritePID row (none is created); removal
+// empties User and StartProc and marks the favourite -1.
+TEST_F(VorakWorker, EachTriggerUpdatesItsTables) {
+  const struct {
+    int id, type, pid;
+    Ints user, start, fav;
+  } steps[] = {
+      {kPrepare, 0, 10, {10}, {}, {}},      {kPrepare, 0, 10, {10}, {}, {}},
+      {kPrepare, 0, 11, {11}, {}, {}},      {kLaunch, 2, 20, {11}, {}, {}},
+      {kLaunch, 101, 21, {11}, {21}, {}},   {kLaunch, 102, 22, {11}, {22}, {22}},
+      {kLaunch, 101, 23, {11}, {23}, {23}}, {kRemoved, 0, 0, {}, {}, {-1}},
+  };
   kxhost::LogCapture log;
+  for (const auto& step : steps) {
+    if (step.type == 102) addRow(mFav, "com.a", 1);
+    run(step.id, step.type, "com.a", step.pid);
+    SCOPED_TRACE(std::to_string(step.id) + "/" + std::to_string(step.type) + " pid " + std::to_string(step.pid));
+    EXPECT_EQ(values(mUser, "com.a"), step.user);
+    EXPECT_EQ(values(mStart, "com.a"), step.start);
+    EXPECT_EQ(values(mFav, "com.a"), step.fav);
+  }
   run(kRemoved, 0, "never.launched", 0);
-  EXPECT_FALSE(log.contains("dbOperations()"));
-  EXPECT_FALSE(log.contains("entries in"));
-
-  run(kPrepare, 0, "com.a", 30);
-  run(kLaunch, 101, "com.a", 30);
-  addRow(mFav, "com.a", 30);
-  run(kRemoved, 0, "com.a", 30);
-  EXPECT_EQ(values(mFav, "com.a"), Ints{-1});
-  EXPECT_EQ(values(mUser, "com.a"), Ints{});
-  EXPECT_EQ(values(mStart, "com.a"), Ints{});
+  EXPECT_TRUE(log.lines().empty()) << "no step is a failure";
 }
 
 // updatePIDInDB leaves duplicates in place; the other two operations remove
