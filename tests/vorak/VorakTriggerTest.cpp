@@ -327,6 +327,7 @@ TEST_F(VorakWorker, TableOperationsFailWhenTheStoreCannotWrite) {
 TEST_F(VorakWorker, TableOperationsRefuseMissingTablesAndReturnZeroOnSuccess) {
   std::string app = "com.a";
   EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, "User"), 0);
+  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, "User"), 0) << "the same pid again";
   EXPECT_EQ(mFeature->updateFavDB(mUser, app, 2, "User"), 0);
   EXPECT_EQ(mFeature->deleteAppFromDB(mUser, app, "User"), 0);
   EXPECT_EQ(mFeature->updatePIDInDB(nullptr, app, 1, "User"), -1);
