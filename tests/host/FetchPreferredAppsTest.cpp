@@ -14,6 +14,7 @@
 #include "WallClock.h"
 #include "kxdb/KxDatabase.h"
 #include "kxdb/VorakRecords.h"
+#include "support/PutRows.h"
 
 namespace {
 
@@ -81,22 +82,14 @@ class FavouritesTest : public ::testing::Test {
 
   // Every row of a user-launched table as "app=value", in row order.
   static std::vector<std::string> users(UserTable& table) {
-    KxDBDataRowKey all;
-    UserTable::vecT rows = table.readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-    std::vector<std::string> out;
-    for (auto* r : rows) out.push_back(r->appName + "=" + std::to_string(r->blob.value));
-    table.deallocateDR(rows);
-    return out;
+    return kxtest::readRows(table, KxDBDataRowKey(),
+                            [](const auto& r) { return r.appName + "=" + std::to_string(r.blob.value); });
   }
 
   // Every slot row as "key:apps", in row order.
   std::vector<std::string> slots() {
-    KxDBDataRowKey all;
-    SlotTable::vecT rows = mSlots.readAllocateDR(all, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-    std::vector<std::string> out;
-    for (auto* r : rows) out.push_back(r->appName + ":" + r->blob.favoriteApps);
-    mSlots.deallocateDR(rows);
-    return out;
+    return kxtest::readRows(mSlots, KxDBDataRowKey(),
+                            [](const auto& r) { return r.appName + ":" + r.blob.favoriteApps; });
   }
 
   // Populates as a learning run on day `day` at `hour` would.

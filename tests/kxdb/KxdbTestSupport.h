@@ -11,6 +11,7 @@
 #include "kxdb/KxDatabase.h"
 #include "kxdb/VorakRecords.h"
 #include "support/DeviceRoot.h"
+#include "support/PutRows.h"
 #include "support/TempDir.h"
 
 namespace kxtest {
@@ -29,12 +30,7 @@ inline void putSample(MeterDb& db, const std::string& name, int64_t ion, int64_t
 
 // Names of every stored row, in rowid order.
 inline std::vector<std::string> storedNames(MeterDb& db) {
-  KxDBDataRowKey any;
-  auto rows = db.readAllocateDR(any, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  std::vector<std::string> names;
-  for (auto* r : rows) names.push_back(r->appName);
-  db.deallocateDR(rows);
-  return names;
+  return kxtest::readRows(db, KxDBDataRowKey(), [](const auto& r) { return r.appName; });
 }
 
 // Another connection to a store's file, as another process or a shell

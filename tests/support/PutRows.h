@@ -1,9 +1,12 @@
-// Stores rows for a test's or benchmark's starting state.
+// Stores rows for a test's or benchmark's starting state, and reads them
+// back as plain values.
 #pragma once
 
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "kxdb/KxDatabase.h"
 
@@ -25,6 +28,18 @@ bool putRows(KxDatabase<T>& db, const std::string& name, int copies, Fill fill) 
     db.writeDeallocateDR(rows);
   }
   return true;
+}
+
+// Every row that `key` selects, as `map(row)` gives it, in table order; the
+// rows themselves are freed.
+template <typename T, typename Map>
+auto readRows(KxDatabase<T>& db, const KxDBDataRowKey& key, Map map) {
+  KxDBDataRowKey k = key;
+  auto rows = db.readAllocateDR(k, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  std::vector<std::decay_t<decltype(map(*rows.front()))>> out;
+  for (auto* row : rows) out.push_back(map(*row));
+  db.deallocateDR(rows);
+  return out;
 }
 
 }  // namespace kxtest

@@ -82,12 +82,9 @@ class VorakAlgoTest : public ::testing::Test {
   std::vector<std::pair<Learnt, int64_t>> learnt(const std::string& name) { return learntIn(mActionDb, name); }
   static std::vector<std::pair<Learnt, int64_t>> learntIn(KxDatabase<_vorak_Feature_Action_Data>& db,
                                                           const std::string& name) {
-    KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-    auto rows = db.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-    std::vector<std::pair<Learnt, int64_t>> out;
-    for (auto* row : rows) out.push_back({{row->blob.ionKgsl, row->blob.rssSwap}, row->rowid});
-    db.deallocateDR(rows);
-    return out;
+    return kxtest::readRows(db, KxDBDataRowKey(name, KXDB_INTCOL_UNSET), [](const auto& row) {
+      return std::pair(Learnt{row.blob.ionKgsl, row.blob.rssSwap}, row.rowid);
+    });
   }
   void run(bool cancelled = false) {
     std::atomic<bool> cancel{cancelled};

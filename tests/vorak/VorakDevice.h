@@ -15,6 +15,7 @@
 #include "Vorak.pb.h"
 #include "VorakFeature.h"
 #include "support/FakeStats.h"
+#include "support/PutRows.h"
 #include "support/TempDir.h"
 
 class VorakFeatureTestPeer {
@@ -111,12 +112,7 @@ class Device {
 
 // Rows of one app in a user-launched table, as (value) list.
 inline std::vector<int> values(VorakFeature::UserDb* db, const std::string& app) {
-  KxDBDataRowKey key(app, 0);
-  auto rows = db->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  std::vector<int> out;
-  for (auto* row : rows) out.push_back(row->blob.value);
-  db->deallocateDR(rows);
-  return out;
+  return kxtest::readRows(*db, KxDBDataRowKey(app, 0), [](const auto& row) { return row.blob.value; });
 }
 
 inline void addRow(VorakFeature::UserDb* db, const std::string& app, int value) {

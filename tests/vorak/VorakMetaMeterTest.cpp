@@ -74,12 +74,8 @@ class VorakMetaMeterTest : public ::testing::Test {
   bool record(const std::unique_ptr<Meter>& meter) { return mMeter->writeToDataBase({meter.get()}); }
 
   std::vector<Sample> samplesOf(const std::string& name) {
-    KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-    auto rows = mMeterDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-    std::vector<Sample> out;
-    for (auto* row : rows) out.emplace_back(row->blob.ionKgsl, row->blob.rssSwap);
-    mMeterDb.deallocateDR(rows);
-    return out;
+    return kxtest::readRows(mMeterDb, KxDBDataRowKey(name, KXDB_INTCOL_UNSET),
+                            [](const auto& row) { return Sample(row.blob.ionKgsl, row.blob.rssSwap); });
   }
 
   // The stored service row of `app`, one string per slot (empty when zero);

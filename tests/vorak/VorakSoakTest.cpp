@@ -30,6 +30,7 @@
 #include "kxhost/LearningScheduler.h"
 #include "kxhost/LogCapture.h"
 #include "kxhost/MeteringThread.h"
+#include "support/PutRows.h"
 #include "support/Sleepers.h"
 
 namespace {
@@ -117,12 +118,9 @@ void launchRound(VorakFeature& feature, const World& w, int round) {
 // The learnt rows of `name` (of every name when empty), in table order.
 std::vector<std::pair<std::string, Figures>> learntRows(KxDatabase<_vorak_Feature_Action_Data>& db,
                                                         const std::string& name) {
-  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-  auto rows = db.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  std::vector<std::pair<std::string, Figures>> out;
-  for (auto* row : rows) out.emplace_back(row->appName, Figures{row->blob.ionKgsl, row->blob.rssSwap});
-  db.deallocateDR(rows);
-  return out;
+  return kxtest::readRows(db, KxDBDataRowKey(name, KXDB_INTCOL_UNSET), [](const auto& row) {
+    return std::pair(row.appName, Figures{row.blob.ionKgsl, row.blob.rssSwap});
+  });
 }
 
 // A feature with its own learning thread, which looks for due names all the
