@@ -120,8 +120,11 @@ bool VorakAlgo::learnPerApp(std::string& name) {
   const int64_t count = mMeterDb->getCountDR(key);
   if (count < 1) return true;
 
-  int64_t ionKgslSum = 0;
-  int64_t rssSwapSum = 0;
+  // Summed wider than the samples: a sum of 64-bit readings can leave the
+  // 64-bit range, while their mean cannot. Where the 64-bit sum fits, the
+  // mean is the same as with 64-bit sums.
+  __int128 ionKgslSum = 0;
+  __int128 rssSwapSum = 0;
   // The -1 and 0 markers of missing readings are summed like any value.
   // Read as views instead of allocated rows (readAllocateDR's query, rows
   // only summed): a departure that saves a heap object per sample.

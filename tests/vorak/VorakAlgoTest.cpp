@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -109,12 +110,17 @@ TEST_F(VorakAlgoTest, LearnsTheTruncatedMeanOfEveryDueNameAndForgetsItsSamples) 
   sample("com.b", -1, 5, 2);
   sample("svc.c", 7, 9);
   sample("svc.d", 1, 2, 3);
+  // Readings whose 64-bit sums would overflow still have a mean.
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max(), kMin = std::numeric_limits<int64_t>::min();
+  for (int64_t v : {kMax, kMax - 2}) sample("com.x", v, kMin);
   due("com.a");
   due("com.b");
+  due("com.x");
   due("svc.d", APP_STATE_RELEARN_DUE);
   run();
   EXPECT_EQ(learnt("com.a")[0].first, Learnt(-1, 101));
   EXPECT_EQ(learnt("com.b")[0].first, Learnt(-1, 5));
+  EXPECT_EQ(learnt("com.x")[0].first, Learnt(kMax - 1, kMin));
   EXPECT_EQ(samples("com.a") + samples("com.b"), 0);
   EXPECT_TRUE(learnt("svc.c").empty()) << "still collecting";
   EXPECT_EQ(samples("svc.c"), 1);
