@@ -112,8 +112,11 @@ INSTANTIATE_TEST_SUITE_P(
 // While the disk stays full, the cache keeps the newest rows up to its bound.
 TEST_F(KxDatabaseFaultTest, CacheDropsOldestRowsPastItsBoundWhileTheDiskIsFull) {
   const size_t bound = MeterDb::kMaxCachedRows;
-  cache(numbered("r", bound + 50));
+  cache(numbered("r", bound));
   mStore.exec("PRAGMA max_page_count=1");
+  EXPECT_EQ(mDb.KxDatabaseWriteCachedToDisk(), KXDB_FAILURE);
+  EXPECT_EQ(mLog.count("cache full"), 0u) << "a cache at its bound keeps every row";
+  cache(numbered("s", 50));
   EXPECT_EQ(mDb.KxDatabaseWriteCachedToDisk(), KXDB_FAILURE);
   EXPECT_EQ(mLog.count("cache full while writes fail: dropped 50 oldest rows, 50 in all\n"), 1u);
   mStore.exec("PRAGMA max_page_count=1000000");
@@ -151,6 +154,16 @@ TEST_F(KxDatabaseFaultTest, DeletionThatCannotCommitLeavesRowsStoredAndWithTheCa
   EXPECT_EQ(count(), 2);
   EXPECT_EQ(mDb.deleteDeallocateDR(rows), 2);
   EXPECT_EQ(count(), 0);
+}
+
+TEST_F(KxDatabaseFaultTest, ATableDroppedElsewhereHasNothingToCountOrDelete) {
+  cache({"a"});
+  ASSERT_EQ(mDb.writeCachedDRToDisk(), KXDB_SUCCESS);
+  ASSERT_EQ(mOther.exec("DROP TABLE Vorak"), SQLITE_OK);
+  EXPECT_EQ(count(), 0);  // the first statement to run learns of the drop
+  KxDBDataRowKey any;
+  EXPECT_EQ(mDb.deleteAllDR(any), 0);
+  EXPECT_STREQ(kxdb::lastError(), "deleteAllDR: no such table: Vorak (1)");
 }
 
 // A file that could not switch to WAL at open (a reader held it) blocks
