@@ -233,10 +233,9 @@ bool KxDatabase<T>::openChecked(Operation& op) {
     return false;
   }
   if (health.state == kxdb::KxHealth::kDamaged && !startAfresh(op, name, path, health.detail)) return false;
-  char* err = nullptr;
-  if (sqlite3_exec(mDb, "PRAGMA journal_mode=WAL", nullptr, nullptr, &err) != SQLITE_OK)
-    KXLOGE_AS(op.name(), "KXDB", "sql:ERROR:Dbt=%s info=%s\n", name.c_str(), err != nullptr ? err : "");
-  sqlite3_free(err);
+  std::string err;
+  if (sqliteExec(mDb, "PRAGMA journal_mode=WAL", err) != SQLITE_OK)
+    KXLOGE_AS(op.name(), "KXDB", "sql:ERROR:Dbt=%s info=%s\n", name.c_str(), err.c_str());
   return true;
 }
 
@@ -280,11 +279,10 @@ kxdbError KxDatabase<T>::createTable(Operation& op) {
   try {
     const std::string sql = "CREATE TABLE IF NOT EXISTS " + this->mTableName +
                             "(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB)";
-    char* err = nullptr;
-    const int rc = sqlite3_exec(mDb, sql.c_str(), nullptr, nullptr, &err);
+    std::string err;
+    const int rc = sqliteExec(mDb, sql.c_str(), err);
     if (rc != SQLITE_OK) {
-      op.info(rc, err != nullptr ? err : "");
-      sqlite3_free(err);
+      op.info(rc, err.c_str());
       return KXDB_FAILURE;
     }
   } catch (const std::exception& e) {
@@ -321,10 +319,9 @@ bool KxDatabase<T>::prepareLogged(Operation& op, SqliteStatement& stmt, const st
 
 template <typename T>
 bool KxDatabase<T>::execLogged(Operation& op, const char* sql) {
-  char* err = nullptr;
-  const int rc = sqlite3_exec(mDb, sql, nullptr, nullptr, &err);
-  if (rc != SQLITE_OK) op.sqlMessage(rc, err != nullptr ? err : sqlite3_errstr(rc));
-  sqlite3_free(err);
+  std::string err;
+  const int rc = sqliteExec(mDb, sql, err);
+  if (rc != SQLITE_OK) op.sqlMessage(rc, !err.empty() ? err.c_str() : sqlite3_errstr(rc));
   return rc == SQLITE_OK;
 }
 
@@ -336,15 +333,14 @@ template <typename T>
 bool KxDatabase<T>::beginWrite(Operation& op) {
   const bool mayWait = !kxdb::failFast();
   for (int attempt = 0;; ++attempt) {
-    char* err = nullptr;
+    std::string err;
     int rc;
     {
       kxdb::FailFastScope notInside;
-      rc = sqlite3_exec(mDb, "BEGIN IMMEDIATE TRANSACTION;", nullptr, nullptr, &err);
+      rc = sqliteExec(mDb, "BEGIN IMMEDIATE TRANSACTION;", err);
     }
     const bool retry = rc != SQLITE_OK && mayWait && kxdb::isLockBusy(rc) && mBusy.pause(attempt);
-    if (rc != SQLITE_OK && !retry) op.sqlMessage(rc, err != nullptr ? err : sqlite3_errstr(rc));
-    sqlite3_free(err);
+    if (rc != SQLITE_OK && !retry) op.sqlMessage(rc, !err.empty() ? err.c_str() : sqlite3_errstr(rc));
     if (!retry) return rc == SQLITE_OK;
   }
 }

@@ -1,8 +1,10 @@
-// Owning holder of a prepared SQLite statement.
+// Owning holder of a prepared SQLite statement, and sqlite3_exec with its
+// message copied out.
 #pragma once
 
 #include <sqlite3.h>
 
+#include <memory>
 #include <string>
 
 class SqliteStatement {
@@ -34,3 +36,13 @@ class SqliteStatement {
  private:
   sqlite3_stmt* mStmt = nullptr;
 };
+
+// Runs `sql`; on failure `error` receives SQLite's message, if it gave one.
+// The message is freed here whatever happens to the copy.
+inline int sqliteExec(sqlite3* db, const char* sql, std::string& error) {
+  char* message = nullptr;
+  const int rc = sqlite3_exec(db, sql, nullptr, nullptr, &message);
+  const std::unique_ptr<char, decltype(&sqlite3_free)> held(message, &sqlite3_free);
+  error = message != nullptr ? message : "";
+  return rc;
+}

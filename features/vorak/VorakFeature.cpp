@@ -245,7 +245,6 @@ void VorakFeature::createComponents(float safeload) {
 }
 
 void VorakFeature::startWorker() {
-  mWorkerStarted.store(false);
   try {
     mWorker = std::thread(&VorakFeature::dbOperations, this);
   } catch (const std::system_error& e) {
@@ -327,12 +326,10 @@ int VorakFeature::initializeAllDb() {
   }
   if ((rc = createTable(mServiceInDb, mFeatureName + "ServiceIP.db")) != 0) {
     KXLOGE(kModule, "Error in DB initialization - createAppServiceDbInput  %d - Disabling %s Feature", rc, name);
-    mDisabled = true;
     return -1;
   }
   if ((rc = createTable(mServiceOutDb, mFeatureName + "ServiceOP.db")) != 0) {
     KXLOGE(kModule, "Error in DB initialization - createAppServiceDbOutput  %d - Disabling %s Feature", rc, name);
-    mDisabled = true;
     return -1;
   }
   if (!mUserDb || !mStartProcDb || !mFavPidDb || !mFavTimeSlotDb || !mVorakDb) {

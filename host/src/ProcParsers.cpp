@@ -1,7 +1,6 @@
 #include "ProcParsers.h"
 
 #include <charconv>
-#include <cstdio>
 #include <string_view>
 #include <vector>
 
@@ -96,9 +95,10 @@ std::string quoted(std::string_view s) {
     if (c >= 0x20 && c < 0x7f) {
       out += static_cast<char>(c);
     } else {
-      char hex[5];
-      std::snprintf(hex, sizeof hex, "\\x%02x", c);
-      out += hex;
+      static constexpr char kDigits[] = "0123456789abcdef";
+      out += "\\x";
+      out += kDigits[c >> 4];
+      out += kDigits[c & 0xf];
     }
   }
   return out + "'";
