@@ -11,6 +11,7 @@
 #include "kxdb/KxFailFast.h"
 #include "kxdb/KxLastError.h"
 #include "kxhost/LogCapture.h"
+#include "support/FailingAllocation.h"
 
 using namespace kxtest;
 
@@ -154,6 +155,29 @@ TEST_F(KxDatabaseFaultTest, DeletionThatCannotCommitLeavesRowsStoredAndWithTheCa
   EXPECT_EQ(count(), 2);
   EXPECT_EQ(mDb.deleteDeallocateDR(rows), 2);
   EXPECT_EQ(count(), 0);
+}
+
+// Out of memory, the rows that could be had are handed over, and the
+// shortfall is reported.
+TEST_F(KxDatabaseFaultTest, RefusedAllocationsGiveTheRowsThatCouldBeHad) {
+  cache({"a", "b"});
+  ASSERT_EQ(mDb.writeCachedDRToDisk(), KXDB_SUCCESS);
+  KxDBDataRowKey any;
+  MeterDb::vecT allocated, read;
+  {
+    kxtest::NothrowFailure third(3);
+    allocated = mDb.allocateDR(5);
+    kxtest::NothrowFailure second(2);
+    read = mDb.readAllocateDR(any, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
+  }
+  EXPECT_EQ(allocated.size(), 2u);
+  EXPECT_EQ(mLog.count("ERROR:Dbt=Vorak new operator failure, allocated=2\n", ANDROID_LOG_ERROR), 1u);
+  ASSERT_EQ(read.size(), 1u);
+  EXPECT_EQ(read[0]->appName, "a");
+  EXPECT_STREQ(kxdb::lastError(), "readAllocateDR: new operator failure (7)");
+  EXPECT_EQ(mLog.count("ERROR:Dbt=Vorak new operator failure, allocated=0\n", ANDROID_LOG_ERROR), 1u);
+  mDb.deallocateDR(allocated);
+  mDb.deallocateDR(read);
 }
 
 TEST_F(KxDatabaseFaultTest, ATableDroppedElsewhereHasNothingToCountOrDelete) {
