@@ -8,6 +8,7 @@
 #include <map>
 
 #include "Generator.h"
+#include "support/ErrorOf.h"
 
 namespace {
 
@@ -16,7 +17,6 @@ using vsim::GeneratorOptions;
 using vsim::Scenario;
 
 constexpr double kDay = 86400;
-
 
 TEST(GeneratorTest, TheSameSeedGivesTheSameScenarioAndAnotherSeedAnother) {
   const GeneratorOptions o{3, 12, 2, 42};
@@ -52,14 +52,8 @@ TEST(GeneratorTest, RefusesOptionsOutOfRange) {
       {{0, 10, 4, 1}, "days"}, {{29, 10, 4, 1}, "days"}, {{7, 0, 4, 1}, "apps"},
       {{7, 501, 4, 1}, "apps"}, {{7, 10, 3, 1}, "device"},
   };
-  for (const auto& [o, what] : cases) {
-    try {
-      vsim::generateScenario(o);
-      ADD_FAILURE() << what;
-    } catch (const vsim::ScenarioError& e) {
-      EXPECT_THAT(e.what(), testing::StartsWith(what));
-    }
-  }
+  for (const auto& [o, what] : cases)
+    EXPECT_THAT(kxtest::errorOf<vsim::ScenarioError>([&] { vsim::generateScenario(o); }), testing::StartsWith(what));
   EXPECT_EQ(vsim::generateScenario({vsim::kMaxDays, static_cast<int>(vsim::kMaxApps), 4, 1}).apps.size(), vsim::kMaxApps);
 }
 
