@@ -72,13 +72,6 @@ class FavouritesTest : public ::testing::Test {
     for (const auto& [app, day, hour] : launches) FetchPreferredApps::noteLaunch(app, when(day, hour));
   }
 
-  static void addUser(UserTable& table, const std::string& app, int value) {
-    UserTable::vecT rows = table.allocateDR(1);
-    rows[0]->appName = app;
-    rows[0]->blob.value = value;
-    table.writeDeallocateDR(rows);
-  }
-
   // Every row of a user-launched table as "app=value", in row order.
   static std::vector<std::string> users(UserTable& table) {
     return kxtest::readRows(table, KxDBDataRowKey(),
@@ -155,9 +148,9 @@ TEST_F(FavouritesTest, TheFiguresAreProperties) {
 
 TEST_F(FavouritesTest, EverySlotsRowIsReplacedByItsPredictionAndFavouritesGetAPidRow) {
   launch({{"com.a", 0, 8}, {"com.a", 1, 8}, {"com.b", 0, 18}, {"com.b", 1, 19}});
-  addUser(mUser, "com.a", 10);
-  addUser(mStartProc, "com.a", 11);
-  addUser(mStartProc, "com.b", 20);
+  kxtest::putRows(mUser, "com.a", 1, [](auto& blob) { blob.value = 10; });
+  kxtest::putRows(mStartProc, "com.a", 1, [](auto& blob) { blob.value = 11; });
+  kxtest::putRows(mStartProc, "com.b", 1, [](auto& blob) { blob.value = 20; });
   populateAt(1, 22);
   EXPECT_EQ(slots(), (std::vector<std::string>{"week_day_1:com.a", "week_day_3:com.b"}));
   EXPECT_EQ(users(mUser), (std::vector<std::string>{"com.a=10", "com.b=20"}))

@@ -170,13 +170,8 @@ TEST_F(VorakSim, RefusesWhatItCannotPlayWithOneLine) {
       {{"import", mDir.path(), "--year", "2025"}, ""},
       {{"import", log, "--year", "2025", "--figures", mDir.write("f.csv", "a.b,1,2,3\nc.d,1,2\n")}, ""},
       {{"import", log, "--year", "2025", "--device", "3"}, ""},
-      {{"import"}, ""},
-      {{"--bogus"}, ""},
-      {{"--policy", "lru"}, ""},
-      {{"--generate", "--days", "0"}, ""},
-      {{"--days", "3"}, ""},
-      {{"x.json", "--builtin", "week"}, ""},
-      {{"--device", "2"}, ""},
+      {{"import"}, ""}, {{"--bogus"}, ""}, {{"--policy", "lru"}, ""}, {{"--generate", "--days", "0"}, ""},
+      {{"--days", "3"}, ""}, {{"x.json", "--builtin", "week"}, ""}, {{"--device", "2"}, ""},
       {{"--builtin", "week", "--device", "3"}, ""},
   };
   for (const auto& c : cases) {
