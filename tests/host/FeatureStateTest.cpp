@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/DeviceRoot.h"
@@ -71,28 +70,6 @@ TEST(FeatureStateTest, WithoutADataDirectoryStatesLiveInMemory) {
   EXPECT_EQ(FeatureState("Vorak").readState("com.app"), APP_STATE_LEARNING_DUE);
   EXPECT_TRUE(log.contains("states of Vorak kept in memory only", ANDROID_LOG_ERROR));
   EXPECT_FALSE(std::filesystem::exists(root.dataFile("VorakAppState.db")));
-}
-
-TEST(FeatureStateTest, ConcurrentHandlesSeeEveryWrite) {
-  kxtest::DeviceRoot root;
-  constexpr int kThreads = 4, kNames = 50;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t] {
-      FeatureState state("Vorak");  // each thread builds its own handle, as components do
-      for (int i = 0; i < kNames; ++i) {
-        std::string name = "app" + std::to_string(t) + "." + std::to_string(i);
-        state.writeState(name, APP_STATE_LEARNING_DUE);
-        if (state.readState(name) == APP_STATE_LEARNING_DUE) state.writeState(name, APP_STATE_LEARNT);
-        state.names();
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  FeatureState state("Vorak");
-  ASSERT_EQ(state.names().size(), size_t(kThreads * kNames));
-  for (const std::string& name : state.names()) EXPECT_EQ(state.readState(name), APP_STATE_LEARNT) << name;
-  EXPECT_EQ(rowsIn("VorakAppState.db").size(), size_t(kThreads * kNames));
 }
 
 }  // namespace

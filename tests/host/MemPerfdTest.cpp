@@ -106,33 +106,4 @@ TEST(MemPerfd, DeregisterWaitsForTheApplyActionInProgressUnlessCalledFromIt) {
   EXPECT_EQ(selfRemoving.calls, 1);
 }
 
-TEST(MemPerfd, ActionsComeAndGoWhileHintsFlow) {
-  MemPerfd* hub = MemPerfd::getInstance();
-  std::atomic<bool> done{false};
-  std::thread sender([&] {
-    for (int i = 0; i < 20000 && !done; ++i) hub->sendHint(hint(9030));
-  });
-  std::vector<std::thread> users;
-  for (int t = 0; t < 3; ++t) {
-    users.emplace_back([hub] {
-      for (int i = 0; i < 200; ++i) {
-        auto* action = new SlowAction(true);
-        hub->registerToPerfHint(action, 9030, false);
-        if (i % 2 == 0) std::this_thread::yield();
-        hub->deregisterPerfHint(action, 9030);
-        delete action;  // safe: the hub no longer runs it
-      }
-    });
-  }
-  for (auto& u : users) u.join();
-  done = true;
-  sender.join();
-
-  SlowAction last(true);
-  hub->registerToPerfHint(&last, 9030, false);
-  hub->sendHint(hint(9030));
-  hub->drain();
-  EXPECT_EQ(last.calls, 1);
-}
-
 }  // namespace
