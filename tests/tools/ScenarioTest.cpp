@@ -6,7 +6,6 @@
 
 #include "Scenario.h"
 #include "support/ErrorOf.h"
-#include "support/TempDir.h"
 
 namespace {
 
@@ -105,18 +104,6 @@ TEST(ScenarioTest, LateTimesLoadBackAsWritten) {
     const auto sc = parseScenario(withEvents(events));
     EXPECT_EQ(parseScenario(sc.toJson().dump()).toJson(), sc.toJson()) << events;
   }
-}
-
-TEST(ScenarioTest, LoadingNamesTheFile) {
-  kxtest::TempDir dir;
-  const std::pair<std::string, const char*> unusable[] = {
-      {dir.write("bad.json", "{\"apps\": 3}"), "apps"},
-      {dir.path(), "is a directory"},
-      {"/dev/zero", "larger than 64 MiB"},  // an endless input stops at the bound
-  };
-  for (const auto& [path, message] : unusable)
-    EXPECT_THAT(kxtest::errorOf<ScenarioError>([&] { vsim::loadScenario(path); }), HasSubstr(path + ": " + message));
-  EXPECT_EQ(vsim::loadScenario(dir.write("ok.json", kMinimal)).apps.size(), 2u);
 }
 
 TEST(ScenarioTest, TheBuiltInDayIsAFourGigabyteDayOfTwentyApps) {

@@ -161,9 +161,10 @@ TEST_F(VorakSim, RefusesWhatItCannotPlayWithOneLine) {
       {{mDir.write("cut.json", full.substr(0, full.size() / 2)), "--run-dir", never}, "vorak-sim: " + mDir.sub("cut.json")},
       {{mDir.write("random.json", noise), "--run-dir", never}, "vorak-sim: " + mDir.sub("random.json")},
       {{mDir.write("huge.json", R"({"seed": 1e400})"), "--run-dir", never}, "vorak-sim: " + mDir.sub("huge.json")},
+      {{mDir.write("bad.json", R"({"apps": 3})"), "--run-dir", never}, "vorak-sim: " + mDir.sub("bad.json") + ": apps"},
       {{mDir.sub("absent.json"), "--run-dir", never}, "vorak-sim: " + mDir.sub("absent.json")},
-      {{mDir.path(), "--run-dir", never}, "vorak-sim: " + mDir.path()},
-      {{"/dev/zero", "--run-dir", never}, "vorak-sim: /dev/zero"},
+      {{mDir.path(), "--run-dir", never}, "vorak-sim: " + mDir.path() + ": is a directory"},
+      {{"/dev/zero", "--run-dir", never}, "vorak-sim: /dev/zero: larger than 64 MiB"},  // endless: stops at the bound
       {{evict, "--run-dir", never, "--plugin", mDir.sub("none.so")}, "cannot load the plug-in"},
       {{evict, "--run-dir", never, "--models", mDir.path()}, "no vorak_*.data model files"},
       {{"import", log}, ""},  // its dates have no year
