@@ -50,8 +50,9 @@ TEST(Feature, BaseCopiesTheInfoSharesTheStateOfItsNameAndReadsThePerfTrace) {
 TEST(Feature, BaseOperationsAnswerAsTheFrameworkDoes) {
   PlainFeature feature(info("FeatureTest"));
   std::string key = "k";
-  featureData one{5}, two{5};
-  EXPECT_EQ(std::make_tuple(feature.getData(key, one, 1), feature.getData(key, two, 1, 2), feature.setData(key, {1, 2})),
+  featureData one{5, {}}, two{5, {}};
+  EXPECT_EQ(std::make_tuple(feature.getData(key, one, 1), feature.getData(key, two, 1, 2),
+                            feature.setData(key, {1, 2})),
             std::make_tuple(0, 0, 0));
   EXPECT_EQ(std::make_pair(one.value, two.value), std::make_pair(-1, -1));
 

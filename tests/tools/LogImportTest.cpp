@@ -110,7 +110,8 @@ TEST(LogImport, FiguresNameTheLineOfTheirFirstFault) {
       {"a.b,0,2,3\n", "line 1: rss_swap must be above 0"},
   };
   for (const auto& c : cases)
-    EXPECT_THAT(kxtest::errorOf<vsim::ScenarioError>([&] { vsim::parseFigures(c.csv); }), HasSubstr(c.message)) << c.csv;
+    EXPECT_THAT(kxtest::errorOf<vsim::ScenarioError>([&] { vsim::parseFigures(c.csv); }), HasSubstr(c.message))
+        << c.csv;
 }
 
 }  // namespace

@@ -73,7 +73,8 @@ TEST(ReportTest, SummaryCountsKillsOverKillCoverageAndShortLaunches) {
             std::vector<size_t>({2, 1, 0, 2, 1, 50000, 1}));
   EXPECT_NEAR(s.meanLearntErrorPct, 1.0, 1e-9);  // 202000 learnt for 200000
   // Nearest rank: the p95 of three is the third.
-  EXPECT_EQ(std::vector<double>({s.launchMsMean, s.launchMsP95, s.launchMsTotal}), std::vector<double>({2000, 3000, 6000}));
+  EXPECT_EQ(std::vector<double>({s.launchMsMean, s.launchMsP95, s.launchMsTotal}),
+            std::vector<double>({2000, 3000, 6000}));
 }
 
 TEST(ReportTest, ExpectedVictimsAreComparedAsSetsOfThePluginsKills) {

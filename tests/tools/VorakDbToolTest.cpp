@@ -84,7 +84,8 @@ TEST_F(VorakDbTool, DecodesEveryRowTypeTakenFromTheFileName) {
   EXPECT_EQ(tool({samples}).code, 0);
   EXPECT_EQ(listing(mDir.path()), before);
 
-  const auto needs = makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}, {"com.huge", pair64(INT64_MAX, 1)}});
+  const auto needs =
+      makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}, {"com.huge", pair64(INT64_MAX, 1)}});
   const auto svc = makeDb("VorakServiceOP.db", {{"com.cam", services({"svc.camera", "svc.codec"})}});
   const auto states = makeDb("VorakAppState.db", {{"com.a", int32(2)}, {"com.b", int32(99)}});
   const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {
@@ -112,7 +113,8 @@ TEST_F(VorakDbTool, InMemoryTablesAreDecodedByTheTypeOptionAndUsageIsChecked) {
   EXPECT_EQ(nlohmann::json::parse(r.out)["rows"][0]["apps"], (nlohmann::json{"com.a", "com.b", "com.c"}));
 
   const std::pair<std::vector<std::string>, const char*> usage[] = {
-      {{favs}, "cannot tell the row type"}, {{favs, "-t", "bogus"}, ""}, {{}, "FILE is required"}, {{"--frobnicate"}, ""},
+      {{favs}, "cannot tell the row type"}, {{favs, "-t", "bogus"}, ""}, {{}, "FILE is required"},
+      {{"--frobnicate"}, ""},
   };
   for (const auto& [args, says] : usage) {
     const ToolRun bad = tool(args);

@@ -124,7 +124,8 @@ TEST_F(VorakSim, ComparesPoliciesOnTheBuiltInDayWhereOnlyThePolicyUnderTestKills
     for (const char* k : {"cacheDroppedKB", "swappedOutKB", "swappedInKB", "lmkWaitKB"}) seen[k] += l[k] > 0;
     seen[l["coldCause"].get<std::string>()] += 1;
   }
-  for (const char* k : {"cacheDroppedKB", "swappedOutKB", "swappedInKB", "lmkWaitKB", "warm"}) EXPECT_GT(seen[k], 0) << k;
+  for (const char* k : {"cacheDroppedKB", "swappedOutKB", "swappedInKB", "lmkWaitKB", "warm"})
+    EXPECT_GT(seen[k], 0) << k;
   EXPECT_EQ(seen["killed by the low-memory killer"], s["none"]["coldCausedByLowMemoryKiller"]);
   EXPECT_EQ(std::system(("xmllint --noout " + dir + "/compare.svg").c_str()), 0);
 }
@@ -158,7 +159,8 @@ TEST_F(VorakSim, RefusesWhatItCannotPlayWithOneLine) {
     std::vector<std::string> args;
     std::string says;
   } cases[] = {
-      {{mDir.write("cut.json", full.substr(0, full.size() / 2)), "--run-dir", never}, "vorak-sim: " + mDir.sub("cut.json")},
+      {{mDir.write("cut.json", full.substr(0, full.size() / 2)), "--run-dir", never},
+       "vorak-sim: " + mDir.sub("cut.json")},
       {{mDir.write("random.json", noise), "--run-dir", never}, "vorak-sim: " + mDir.sub("random.json")},
       {{mDir.write("huge.json", R"({"seed": 1e400})"), "--run-dir", never}, "vorak-sim: " + mDir.sub("huge.json")},
       {{mDir.write("bad.json", R"({"apps": 3})"), "--run-dir", never}, "vorak-sim: " + mDir.sub("bad.json") + ": apps"},
