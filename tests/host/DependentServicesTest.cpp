@@ -21,18 +21,6 @@ class DependentServicesTest : public ::testing::Test {
   static kxhost::ServiceRegistry& registry() { return kxhost::ServiceRegistry::instance(); }
 };
 
-TEST_F(DependentServicesTest, ServicesOfAnAppAreAppendedInOrder) {
-  registry().setAppServices("com.app", {"vendor.cam", "vendor.media"});
-  std::vector<std::string> out{"kept"};
-  std::string app = "com.app";
-  DependentServices().getServices(app, out);
-  EXPECT_EQ(out, (std::vector<std::string>{"kept", "vendor.cam", "vendor.media"}));
-
-  std::string unknown = "com.unknown";
-  DependentServices().getServices(unknown, out);
-  EXPECT_EQ(out.size(), 3u);
-}
-
 TEST_F(DependentServicesTest, OnePidPerNameAndMinusOneForEmptyUnknownOrDeadAndTheLiveOnesInAll) {
   const int self = getpid(), dead = reapedChildPid();
   registry().setServicePid("alive", self);
