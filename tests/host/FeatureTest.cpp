@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "support/DeviceRoot.h"
 #include "Properties.h"
 
@@ -34,10 +36,9 @@ TEST(Feature, BaseCopiesTheInfoSharesTheStateOfItsNameAndReadsThePerfTrace) {
   kxtest::DeviceRoot root;
   kxhost::clearProperties();
   PlainFeature feature(info("FeatureTest"));
-  EXPECT_EQ(feature.getFeatureName(), "FeatureTest");
-  EXPECT_EQ(feature.info().samplesThreshold, 7u);
-  EXPECT_FALSE(feature.isDisabled());
-  EXPECT_FALSE(feature.perfTrace());
+  EXPECT_EQ(std::make_tuple(feature.getFeatureName(), feature.info().samplesThreshold, feature.isDisabled(),
+                            feature.perfTrace()),
+            std::make_tuple(std::string("FeatureTest"), 7u, false, false));
   FeatureState("FeatureTest").writeState("com.app", APP_STATE_LEARNT);
   EXPECT_EQ(feature.state().readState("com.app"), APP_STATE_LEARNT);
 
@@ -49,14 +50,11 @@ TEST(Feature, BaseCopiesTheInfoSharesTheStateOfItsNameAndReadsThePerfTrace) {
 TEST(Feature, BaseOperationsAnswerAsTheFrameworkDoes) {
   PlainFeature feature(info("FeatureTest"));
   std::string key = "k";
-  featureData out;
-  out.value = 5;
-  EXPECT_EQ(feature.getData(key, out, 1), 0);
-  EXPECT_EQ(out.value, -1);
-  out.value = 5;
-  EXPECT_EQ(feature.getData(key, out, 1, 2), 0);
-  EXPECT_EQ(out.value, -1);
-  EXPECT_EQ(feature.setData(key, {1, 2}), 0);
+  featureData one{5, {}}, two{5, {}};
+  EXPECT_EQ(std::make_tuple(feature.getData(key, one, 1), feature.getData(key, two, 1, 2),
+                            feature.setData(key, {1, 2})),
+            std::make_tuple(0, 0, 0));
+  EXPECT_EQ(std::make_pair(one.value, two.value), std::make_pair(-1, -1));
 
   std::atomic<bool> cancel{false};
   feature.runAsyncIdle(cancel);  // no algorithm: nothing to run

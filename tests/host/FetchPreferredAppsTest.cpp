@@ -31,13 +31,12 @@ std::tm at(int wday, int hour, int minute) {
 }
 
 TEST(FetchPreferredApps, SlotKeysFollowWeekdayAndHour) {
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(6, 11, 59)), "week_end_1");
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(6, 12, 0)), "week_end_2");
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(0, 20, 59)), "week_end_3");
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(0, 21, 0)), "week_end_4");
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(1, 3, 59)), "week_day_4");
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(1, 4, 0)), "week_day_1");
-  EXPECT_EQ(FetchPreferredApps::timeSlotKey(at(5, 17, 0)), "week_day_3");
+  const std::pair<std::tm, const char*> cases[] = {
+      {at(6, 11, 59), "week_end_1"}, {at(6, 12, 0), "week_end_2"}, {at(0, 20, 59), "week_end_3"},
+      {at(0, 21, 0), "week_end_4"},  {at(1, 3, 59), "week_day_4"}, {at(1, 4, 0), "week_day_1"},
+      {at(5, 17, 0), "week_day_3"},
+  };
+  for (const auto& [t, key] : cases) EXPECT_EQ(FetchPreferredApps::timeSlotKey(t), key);
 }
 
 // Local time on day `day` of a week that begins on Monday 2026-11-23.
@@ -71,13 +70,6 @@ class FavouritesTest : public ::testing::Test {
   // Launches: (app, day, hour).
   static void launch(const std::vector<std::tuple<std::string, int, int>>& launches) {
     for (const auto& [app, day, hour] : launches) FetchPreferredApps::noteLaunch(app, when(day, hour));
-  }
-
-  static void addUser(UserTable& table, const std::string& app, int value) {
-    UserTable::vecT rows = table.allocateDR(1);
-    rows[0]->appName = app;
-    rows[0]->blob.value = value;
-    table.writeDeallocateDR(rows);
   }
 
   // Every row of a user-launched table as "app=value", in row order.
@@ -117,32 +109,21 @@ TEST_F(FavouritesTest, AnAppIsAFavouriteOfASlotOnlyWhenLaunchedThereOnEnoughRece
   };
   const std::vector<Case> cases = {
       {"one launch makes no habit, in any slot", {{"com.a", 0, 8}}, 5, 10, {}},
-      {"two weekday mornings make a weekday-morning favourite only",
-       {{"com.a", 0, 8}, {"com.a", 1, 9}},
-       1,
-       18,
+      {"two weekday mornings make a weekday-morning favourite only", {{"com.a", 0, 8}, {"com.a", 1, 9}}, 1, 18,
        {{"week_day_1", {"com.a"}}}},
       {"the same day twice is one day", {{"com.a", 1, 8}, {"com.a", 1, 9}}, 1, 10, {}},
       {"a weekday and a weekend day are of different kinds", {{"com.a", 4, 10}, {"com.a", 5, 10}}, 5, 11, {}},
-      {"two weekend mornings count across the week, for the weekend",
-       {{"com.a", 5, 10}, {"com.a", 6, 11}},
-       7,
-       9,
+      {"two weekend mornings count across the week, for the weekend", {{"com.a", 5, 10}, {"com.a", 6, 11}}, 7, 9,
        {{"week_end_1", {"com.a"}}}},
       {"a habit that stopped is forgotten once its days leave the last four",
-       {{"com.a", 0, 8}, {"com.a", 1, 8}, {"com.a", 2, 8}},
-       7,
-       8,
-       {}},
+       {{"com.a", 0, 8}, {"com.a", 1, 8}, {"com.a", 2, 8}}, 7, 8, {}},
       {"the most regular first, then the most launched, then by name, at most four",
        {{"com.f", 0, 8}, {"com.f", 1, 8}, {"com.f", 2, 8},   // three days
         {"com.e", 0, 8}, {"com.e", 1, 8}, {"com.e", 1, 9},   // two days, three launches
         {"com.d", 0, 8}, {"com.d", 2, 8},                    // two days
         {"com.b", 0, 8}, {"com.b", 2, 8},                    // two days
         {"com.c", 1, 8}, {"com.c", 2, 8}},                   // two days: fifth by name
-       2,
-       20,
-       {{"week_day_1", {"com.f", "com.e", "com.b", "com.c"}}}},
+       2, 20, {{"week_day_1", {"com.f", "com.e", "com.b", "com.c"}}}},
   };
   for (const Case& c : cases) {
     FetchPreferredApps::clearHistory();
@@ -167,9 +148,9 @@ TEST_F(FavouritesTest, TheFiguresAreProperties) {
 
 TEST_F(FavouritesTest, EverySlotsRowIsReplacedByItsPredictionAndFavouritesGetAPidRow) {
   launch({{"com.a", 0, 8}, {"com.a", 1, 8}, {"com.b", 0, 18}, {"com.b", 1, 19}});
-  addUser(mUser, "com.a", 10);
-  addUser(mStartProc, "com.a", 11);
-  addUser(mStartProc, "com.b", 20);
+  kxtest::putRows(mUser, "com.a", 1, [](auto& blob) { blob.value = 10; });
+  kxtest::putRows(mStartProc, "com.a", 1, [](auto& blob) { blob.value = 11; });
+  kxtest::putRows(mStartProc, "com.b", 1, [](auto& blob) { blob.value = 20; });
   populateAt(1, 22);
   EXPECT_EQ(slots(), (std::vector<std::string>{"week_day_1:com.a", "week_day_3:com.b"}));
   EXPECT_EQ(users(mUser), (std::vector<std::string>{"com.a=10", "com.b=20"}))

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstring>
 #include <optional>
+#include <tuple>
 
 #include "AndroidLog.h"
 #include "kxhost/LogCapture.h"
@@ -39,32 +40,21 @@ std::vector<int> pids(const std::vector<PIDStats>& records) {
   return out;
 }
 
-TEST(ProcStatsSource, ReadsEveryFigureOfALinuxTree) {
+// Optional files (zram, the GPU's) missing from a tree read as zero, silently.
+TEST(ProcStatsSource, ReadsEveryFigureOfATree) {
   kxhost::LogCapture log;
-  Fields expected = {23212384, 24683620, 1700, 0, 0, 0, 0, 19464, 4564, 122964, 25172, 0, 48804, 0, 3916,
-                     14476, 8884,
-                     3106592, 0, 0, 0, 0,  // DMA + DMA32; the per-node block under DMA is not the zone's
-                     363824, 1596, 674240, 238916, 334612,
-                     0, 0, 0, 0, 0,
-                     0, 0, 0, 0, 0};
-  EXPECT_EQ(fields(treeSource("linux").sysStats()), expected);
-  EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(ProcStatsSource, ReadsAnAndroidTreeWithCmaZramAndHighMem) {
-  Fields expected = {201344, 3849932, 46176, 99264, 117908, 311056, 2097152, 154064, 10288, 97516, 120436,
-                     9248, 791452, 36620, 92220, 59364, 23752,
-                     0, 0, 0, 0, 0,
-                     109028, 93380, 40448, 140008, 160004,
-                     2048, 800, 400, 1600, 1200,
-                     92316, 584520, 261424, 464696, 527356};
-  EXPECT_EQ(fields(treeSource("android").sysStats()), expected);
-}
-
-TEST(ProcStatsSource, MissingOptionalFilesGiveZeroSilently) {
-  kxhost::LogCapture log;
-  Fields expected{412300, 1953124, 4096, 0, 0, 0, 0, 2048, 8120, 30120, 21004, 0, 120400, 0, 9120, 16384, 6016};
-  EXPECT_EQ(fields(treeSource("minimal").sysStats()), expected);
+  const std::pair<const char*, Fields> cases[] = {
+      {"linux",
+       {23212384, 24683620, 1700, 0, 0, 0, 0, 19464, 4564, 122964, 25172, 0, 48804, 0, 3916, 14476, 8884,
+        3106592, 0, 0, 0, 0,  // DMA + DMA32; the per-node block under DMA is not the zone's
+        363824, 1596, 674240, 238916, 334612, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+      {"android",  // with CMA, zram and high memory
+       {201344, 3849932, 46176, 99264, 117908, 311056, 2097152, 154064, 10288, 97516, 120436, 9248, 791452, 36620,
+        92220, 59364, 23752, 0, 0, 0, 0, 0, 109028, 93380, 40448, 140008, 160004, 2048, 800, 400, 1600, 1200, 92316,
+        584520, 261424, 464696, 527356}},
+      {"minimal", {412300, 1953124, 4096, 0, 0, 0, 0, 2048, 8120, 30120, 21004, 0, 120400, 0, 9120, 16384, 6016}},
+  };
+  for (const auto& [tree, expected] : cases) EXPECT_EQ(fields(treeSource(tree).sysStats()), expected) << tree;
   EXPECT_TRUE(log.lines().empty());
 
   kxtest::TempDir empty;
@@ -75,36 +65,11 @@ TEST(ProcStatsSource, MissingOptionalFilesGiveZeroSilently) {
   EXPECT_TRUE(log.contains("StatsProvider: " + empty.path() + "/meminfo: cannot be read", ANDROID_LOG_ERROR));
 }
 
-TEST(ProcStatsSource, MalformedLinesAreReportedAndSkipped) {
-  kxhost::LogCapture log;
-  SysStats s = treeSource("malformed").sysStats();
-  Fields expected{};
-  expected[1] = 2048000;  // MemTotal
-  expected[16] = 512;     // Shmem
-  expected[22] = 40;      // Normal free: node 1's 10 pages; node 0's line is bad
-  expected[23] = 308;     // Normal active anon: 77 pages
-  EXPECT_EQ(fields(s), expected);
-
-  std::string sys = std::string(KX_PROC_FIXTURES) + "/malformed/sys/block/zram0/";
-  EXPECT_TRUE(log.contains(procFile("malformed", "meminfo") +
-                           ": line 2: expected 'Key: value [kB]', got 'MemFree          1000 kB'"));
-  EXPECT_TRUE(log.contains(procFile("malformed", "zoneinfo") +
-                           ": line 1: counter before any zone header: '  pages free     5'"));
-  EXPECT_TRUE(log.contains(sys + "mm_stat: line 1: expected at least 3 columns, got 'garbage'"));
-  EXPECT_TRUE(log.contains(sys + "disksize: line 1: expected one integer, got '12x'"));
-  EXPECT_EQ(log.count("StatsProvider: ", ANDROID_LOG_ERROR), 4u);
-}
-
 TEST(ProcStatsSource, ReadsProcessRecords) {
   PIDStats bash = treeSource("linux").pidStats(4101);
-  EXPECT_EQ(bash.pid, 4101);
-  EXPECT_EQ(bash.oomScoreAdj, 0);
-  EXPECT_EQ(bash.rssFileKB, 2932u);
-  EXPECT_EQ(bash.rssAnonSwapKB, 276u);
+  EXPECT_EQ(std::make_tuple(bash.pid, bash.oomScoreAdj, bash.rssFileKB, bash.rssAnonSwapKB, bash.gpuKB, bash.startTime),
+            std::make_tuple(4101, 0, uint64_t{2932}, uint64_t{276}, uint64_t{0}, uint64_t{52001}));
   EXPECT_STREQ(bash.comm, "bash");
-  EXPECT_EQ(bash.gpuKB, 0u);
-  EXPECT_EQ(bash.startTime, 52001u);
-
   EXPECT_STREQ(treeSource("linux").pidStats(4103).comm, "kworker/u8:2-ex");  // cut to the kernel's 15
 
   PIDStats mail = treeSource("android").pidStats(2301);
@@ -128,22 +93,35 @@ TEST(ProcStatsSource, SelectsProcessesByOomScoreAdjInclusively) {
   EXPECT_EQ(pids(android.pidStatsRange(-900, -800)), (std::vector<int>{501, 1201}));
 }
 
-TEST(ProcStatsSource, MalformedProcessFilesAreReported) {
+// Each malformed line is reported, with its file and number, and skipped. A
+// process whose start time cannot be read cannot be told from a later one
+// under the same pid, so it is not offered.
+TEST(ProcStatsSource, MalformedFilesAreReportedAndSkipped) {
   kxhost::LogCapture log;
   kxhost::ProcStatsSource malformed = treeSource("malformed");
+  Fields expected{};
+  expected[1] = 2048000;  // MemTotal
+  expected[16] = 512;     // Shmem
+  expected[22] = 40;      // Normal free: node 1's 10 pages; node 0's line is bad
+  expected[23] = 308;     // Normal active anon: 77 pages
+  EXPECT_EQ(fields(malformed.sysStats()), expected);
   PIDStats broken = malformed.pidStats(3001);
-  EXPECT_EQ(broken.rssFileKB, 300u);
-  EXPECT_EQ(broken.rssAnonSwapKB, 12u);
-  EXPECT_TRUE(log.contains(procFile("malformed", "3001/status") +
-                           ": line 2: value of RssAnon is not a number: 'lots'"));
-
+  EXPECT_EQ(std::make_pair(broken.rssFileKB, broken.rssAnonSwapKB), std::make_pair(uint64_t{300}, uint64_t{12}));
   EXPECT_EQ(malformed.pidStats(3002).pid, -1);
-  EXPECT_TRUE(log.contains(procFile("malformed", "3002/oom_score_adj") + ": line 1: expected one integer, got 'zero'"));
-  // Without its start time a process cannot be told from a later one under
-  // the same pid, so it is not offered.
   EXPECT_EQ(malformed.pidStats(3003).pid, -1);
-  EXPECT_TRUE(log.contains(procFile("malformed", "3003/stat") + ": line 1: expected at least 22 fields, got 5"));
   EXPECT_EQ(pids(malformed.pidStatsRange(-1000, 1000)), (std::vector<int>{3001}));
+
+  const std::string sys = std::string(KX_PROC_FIXTURES) + "/malformed/sys/block/zram0/";
+  for (const std::string& line : {
+           procFile("malformed", "meminfo") + ": line 2: expected 'Key: value [kB]', got 'MemFree          1000 kB'",
+           procFile("malformed", "zoneinfo") + ": line 1: counter before any zone header: '  pages free     5'",
+           sys + "mm_stat: line 1: expected at least 3 columns, got 'garbage'",
+           sys + "disksize: line 1: expected one integer, got '12x'",
+           procFile("malformed", "3001/status") + ": line 2: value of RssAnon is not a number: 'lots'",
+           procFile("malformed", "3002/oom_score_adj") + ": line 1: expected one integer, got 'zero'",
+           procFile("malformed", "3003/stat") + ": line 1: expected at least 22 fields, got 5",
+       })
+    EXPECT_TRUE(log.contains(line, ANDROID_LOG_ERROR)) << line;
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ class Properties : public ::testing::Test {
   }
 };
 
-TEST_F(Properties, FileRoundTripsThroughTheStore) {
+TEST_F(Properties, FileLoadsIntoTheStoreUpToItsFirstMalformedLine) {
   kxtest::TempDir dir;
   std::string path = dir.write("props", "# device\n\nro.vendor.perf.enable.vorak=true\n  vendor.debug.trace.VORAK = 1 \n"
                                         "empty=\nwith.eq=a=b\n");
@@ -34,17 +34,12 @@ TEST_F(Properties, FileRoundTripsThroughTheStore) {
   EXPECT_EQ(get("with.eq", ""), "a=b");
   // As on the device, an empty value reads as unset.
   EXPECT_EQ(get("empty", "dflt"), "dflt");
-}
 
-TEST_F(Properties, MalformedLineIsReportedWithItsNumberAndEarlierLinesKept) {
-  kxtest::TempDir dir;
-  std::string path = dir.write("props", "a=1\nno equals sign\nb=2\n");
-  std::string error;
-  EXPECT_FALSE(kxhost::loadPropertiesFile(path, &error));
+  // A malformed line is reported with its number; the lines before it stay.
+  EXPECT_FALSE(kxhost::loadPropertiesFile(dir.write("bad", "a=1\nno equals sign\nb=2\n"), &error));
   EXPECT_NE(error.find(":2:"), std::string::npos) << error;
   EXPECT_EQ(get("a", ""), "1");
   EXPECT_EQ(get("b", "unset"), "unset");
-
   EXPECT_FALSE(kxhost::loadPropertiesFile(dir.sub("missing"), &error));
   EXPECT_FALSE(kxhost::loadPropertiesFile(dir.write("eq", "=value\n"), &error));
 }
@@ -70,19 +65,16 @@ TEST_F(Properties, GetReturnsLengthAndDefaultsLikeAndroid) {
   EXPECT_STREQ(out, "0");
 }
 
+// The default answers anything that is not one of Android's spellings.
 TEST_F(Properties, BoolAcceptsAndroidSpellingsAndFallsBackOtherwise) {
-  for (const char* yes : {"1", "y", "yes", "on", "true"}) {
-    kxhost::setProperty("b", yes);
-    EXPECT_TRUE(property_get_bool("b", false)) << yes;
-  }
-  for (const char* no : {"0", "n", "no", "off", "false"}) {
-    kxhost::setProperty("b", no);
-    EXPECT_FALSE(property_get_bool("b", true)) << no;
-  }
-  for (const char* other : {"TRUE", "2", "enabled"}) {
-    kxhost::setProperty("b", other);
-    EXPECT_TRUE(property_get_bool("b", true)) << other;
-    EXPECT_FALSE(property_get_bool("b", false)) << other;
+  const std::pair<const char*, int> cases[] = {
+      {"1", 1},  {"y", 1},  {"yes", 1}, {"on", 1},  {"true", 1},  {"0", 0},      {"n", 0},
+      {"no", 0}, {"off", 0}, {"false", 0}, {"TRUE", -1}, {"2", -1}, {"enabled", -1},
+  };
+  for (const auto& [value, meaning] : cases) {
+    kxhost::setProperty("b", value);
+    EXPECT_EQ(property_get_bool("b", false), meaning == 1) << value;
+    EXPECT_EQ(property_get_bool("b", true), meaning != 0) << value;
   }
   EXPECT_TRUE(property_get_bool("absent", true));
 }

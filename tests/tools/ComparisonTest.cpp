@@ -38,15 +38,10 @@ TEST(ComparisonTest, OneColumnPerPolicyAndEachAgainstNoneSaidPlainly) {
   EXPECT_THAT(text, testing::ContainsRegex("  caused by kills +1 +1 +1\n"));
   EXPECT_THAT(text, HasSubstr("vorak: mean launch time +500 ms (+50.0 %), p95 +500 ms, cold launches +0, apps alive "
                               "at the end -1: slower than none"));
-  EXPECT_THAT(text, HasSubstr("oracle: mean launch time -200 ms (-20.0 %)"));
-  EXPECT_THAT(text, HasSubstr("faster than none"));
+  EXPECT_THAT(text, testing::ContainsRegex("oracle: mean launch time -200 ms \\(-20.0 %\\).*faster than none"));
   EXPECT_THAT(text, HasSubstr("oracle: /runs/oracle"));
 
-  const auto j = c.toJson();
-  ASSERT_EQ(j["policies"].size(), 3u);
-  EXPECT_EQ(j["policies"][1]["policy"], "none");
-  EXPECT_EQ(j["policies"][0]["summary"]["coldCausedByPolicyKills"], 1);
-
+  EXPECT_EQ(c.toJson()["policies"][1]["summary"]["coldCausedByPolicyKills"], 1);
   vsim::Comparison withoutNone;
   withoutNone.add(run("vorak", 1, false));
   EXPECT_EQ(withoutNone.toText().find("Against none"), std::string::npos);

@@ -56,12 +56,14 @@ TEST(DeviceModelTest, StatisticsAddUpAsTheKillDecisionReadsThem) {
 TEST(DeviceModelTest, StartingAndKillingAProcessMovesFreeMemoryBothWays) {
   DeviceModel m(fourGB());
   const uint64_t free0 = m.freeKB(), avail0 = m.availableKB();
-  const auto r = m.addProcess(7, 250000, 60000, 80000, 0);
-  EXPECT_FALSE(r.direct());
+  EXPECT_FALSE(m.addProcess(7, 250000, 60000, 80000, 0).direct());
   EXPECT_EQ(m.freeKB(), free0 - 250000 - 60000 - 80000);
   ASSERT_TRUE(m.process(7).has_value());
-  EXPECT_EQ(m.process(7)->rssSwapKB(), 250000u);
-  EXPECT_EQ(m.process(7)->totalKB(), 390000u);
+  EXPECT_EQ(std::make_pair(m.process(7)->rssSwapKB(), m.process(7)->totalKB()), std::make_pair(250000ul, 390000ul));
+  // Growth takes memory like a start does, for known processes only.
+  m.grow(7, 20000);
+  m.grow(9, 20000);
+  EXPECT_EQ(m.freeKB(), free0 - 410000);
 
   EXPECT_TRUE(m.removeProcess(7));
   EXPECT_FALSE(m.removeProcess(7));
@@ -70,7 +72,7 @@ TEST(DeviceModelTest, StartingAndKillingAProcessMovesFreeMemoryBothWays) {
   EXPECT_EQ(m.availableKB(), avail0);
 }
 
-TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
+TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwappingAndSwapsInOnReturn) {
   DeviceModel m(fourGB());
   m.addProcess(1, 600000, 0, 0, 950);
   m.addProcess(2, 600000, 50000, 0, 700);
@@ -79,9 +81,7 @@ TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   EXPECT_GT(m.cleanKB(), free + fourGB().lowWatermarkKB);
   auto r = m.addProcess(3, free, 0, 0, 0);
   EXPECT_GT(r.cacheDroppedKB, 0u);
-  EXPECT_EQ(r.swappedKB, 0u);
-  EXPECT_EQ(r.shortKB, 0u);
-  EXPECT_GE(m.freeKB(), 0u);
+  EXPECT_EQ(r.swappedKB + r.shortKB, 0u);
 
   // Now far more than the cache left: the background's file pages go, then
   // background processes are swapped, least important first.
@@ -89,36 +89,24 @@ TEST(DeviceModelTest, UnderPressureTheKernelDropsCacheBeforeSwapping) {
   EXPECT_EQ(m.process(2)->fileKB, 0u);
   EXPECT_GT(r.swappedKB, 0u);
   EXPECT_EQ(r.shortKB, 0u);
-  EXPECT_GT(m.process(1)->swappedKB, 0u);
+  const uint64_t swapped = m.process(1)->swappedKB;
+  EXPECT_GT(swapped, 0u);
   EXPECT_EQ(m.process(3)->swappedKB, 0u);  // the foreground is never swapped
   EXPECT_EQ(m.process(1)->rssSwapKB(), 600000u);  // swapping keeps rss_swap
-  EXPECT_EQ(m.zramOrigKB(), m.process(1)->swappedKB + m.process(2)->swappedKB);
+  EXPECT_EQ(m.zramOrigKB(), swapped + m.process(2)->swappedKB);
   EXPECT_EQ(m.sysStats().zramUsedKB, m.zramUsedKB());
   EXPECT_LT(m.zramUsedKB(), m.zramOrigKB());
-}
 
-TEST(DeviceModelTest, ASwappedProcessBackInFrontTakesItsMemoryBackFromZram) {
-  DeviceModel m(fourGB());
-  m.addProcess(1, 900000, 0, 0, 950);
-  m.addProcess(2, 1500000, 0, 0, 0);  // presses process 1 into zram
-  const uint64_t swapped = m.process(1)->swappedKB;
-  ASSERT_GT(swapped, 0u);
+  // Back in front, with room again, it takes its memory back from zram.
   const uint64_t zram = m.zramOrigKB();
-  m.removeProcess(2);
+  m.removeProcess(3);
+  m.removeProcess(4);
   m.setOomAdj(1, 0);
   uint64_t back = 0;
-  const auto r = m.swapIn(1, &back);
+  EXPECT_FALSE(m.swapIn(1, &back).direct());
   EXPECT_EQ(back, swapped);
-  EXPECT_FALSE(r.direct()) << "room enough once the other process is gone";
-  EXPECT_EQ(m.process(1)->anonKB, 900000u);
-  EXPECT_EQ(m.process(1)->swappedKB, 0u);
+  EXPECT_EQ(std::make_pair(m.process(1)->anonKB, m.process(1)->swappedKB), std::make_pair(600000ul, 0ul));
   EXPECT_EQ(m.zramOrigKB(), zram - swapped);
-  // Growth takes memory like a start does, for known processes only.
-  const uint64_t free = m.freeKB();
-  m.grow(1, 20000);
-  m.grow(9, 20000);
-  EXPECT_EQ(m.process(1)->anonKB, 920000u);
-  EXPECT_EQ(m.freeKB(), free - 20000);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "ProcessPool.h"
 #include "SimDevice.h"
@@ -38,11 +39,7 @@ TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
   EXPECT_EQ(pool.nameOf(b), "com.example.bb");
   EXPECT_EQ(pool.liveCount(), 2u);
 
-  EXPECT_FALSE(pool.kill(getpid()));
-  EXPECT_FALSE(pool.kill(getppid()));
-  EXPECT_FALSE(pool.kill(1));
-  EXPECT_FALSE(pool.kill(0));
-  EXPECT_FALSE(pool.kill(-1));
+  for (pid_t other : {getpid(), getppid(), 1, 0, -1}) EXPECT_FALSE(pool.kill(other)) << other;
 
   ASSERT_TRUE(pool.kill(a));
   // The death is seen without reaping: the pid stays ours until reap().
@@ -60,15 +57,13 @@ TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
   pool.stopAll();
   EXPECT_TRUE(reaped(b));
   EXPECT_EQ(pool.liveCount(), 0u);
-}
 
-TEST(ProcessPoolTest, DestroyingThePoolReapsEveryChild) {
   std::vector<pid_t> children;
   {
-    ProcessPool pool;
-    for (int i = 0; i < 3; ++i) children.push_back(pool.spawn("svc." + std::to_string(i)));
+    ProcessPool destroyed;
+    for (int i = 0; i < 3; ++i) children.push_back(destroyed.spawn("svc." + std::to_string(i)));
   }
-  for (pid_t p : children) EXPECT_TRUE(reaped(p));
+  for (pid_t p : children) EXPECT_TRUE(reaped(p)) << "destroying the pool reaps every child";
 }
 
 TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
@@ -80,12 +75,11 @@ TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
   ASSERT_TRUE(dev.addProcess(svc, "svc.audio", 30000, 5000, 0, 800).has_value());
 
   // Processes that are not children of the pool cannot be put on the device...
-  EXPECT_FALSE(dev.addProcess(getpid(), "self", 1000, 0, 0, 900).has_value());
-  EXPECT_FALSE(dev.addProcess(1, "init", 1000, 0, 0, 900).has_value());
   // ... and are unknown to the statistics.
-  EXPECT_EQ(dev.pidStats(getpid()).pid, -1);
-  EXPECT_EQ(dev.pidStats(1).pid, -1);
-  EXPECT_EQ(dev.pidStats(getppid()).pid, -1);
+  for (pid_t other : {getpid(), getppid(), 1}) {
+    EXPECT_FALSE(dev.addProcess(other, "other", 1000, 0, 0, 900).has_value()) << other;
+    EXPECT_EQ(dev.pidStats(other).pid, -1) << other;
+  }
 
   auto all = dev.pidStatsRange(-1000, 1000);
   std::vector<int> expected = {app, svc};
@@ -94,11 +88,8 @@ TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
   EXPECT_EQ(pids(dev.pidStatsRange(700, 850)), std::vector<int>{svc});
 
   const PIDStats s = dev.pidStats(app);
-  EXPECT_EQ(s.pid, app);
-  EXPECT_EQ(s.rssAnonSwapKB, 300000u);
-  EXPECT_EQ(s.rssFileKB, 40000u);
-  EXPECT_EQ(s.gpuKB, 90000u);
-  EXPECT_EQ(s.oomScoreAdj, 900);
+  EXPECT_EQ(std::make_tuple(s.pid, s.rssAnonSwapKB, s.rssFileKB, s.gpuKB, s.oomScoreAdj),
+            std::make_tuple(app, uint64_t{300000}, uint64_t{40000}, uint64_t{90000}, 900));
   EXPECT_STREQ(s.comm, "com.example.app");
 
   // A child that died is withdrawn at once, even before the simulator frees its memory.

@@ -69,14 +69,4 @@ TEST(Trainer, RefusesDataWithOneKindOfLaunch) {
   EXPECT_THROW(vmodel::train(base(), {}), std::runtime_error);
 }
 
-TEST(Trainer, ScoresAsThePluginScales) {
-  vmodel::InputValues v{};
-  v[kCachedKB] = 419430.5f;
-  // -0.8 * (419430.5 / 1677722) + 3
-  EXPECT_NEAR(vmodel::modelSum(base(), v), 2.8, 1e-6);
-  VorakModel flat = base();
-  (*flat.mutable_features())["CachedKB"].set_max(0);  // min == max: skipped
-  EXPECT_EQ(vmodel::modelSum(flat, v), 3);
-}
-
 }  // namespace
