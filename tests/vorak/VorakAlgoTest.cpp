@@ -24,6 +24,7 @@
 #include "VorakMetaMeter.h"
 #include "WallClock.h"
 #include "kxhost/LogCapture.h"
+#include "support/FailingAllocation.h"
 #include "support/FailingWrites.h"
 #include "support/PutRows.h"
 #include "support/TempDir.h"
@@ -281,6 +282,26 @@ TEST_F(VorakAlgoTest, DuplicatedLearntRowsFailTheNameWithState99) {
   EXPECT_EQ(rows[0].first, Learnt(1, 2));
   EXPECT_EQ(rows[1].first, Learnt(1, 2));
   EXPECT_EQ(samples("com.a"), 1) << "samples are kept";
+}
+
+// Without memory for a row nothing is half done: the name fails with state
+// 99, and a service list stays uncopied for the next run.
+TEST_F(VorakAlgoTest, ARowThatCannotBeAllocatedIsReportedAndNothingStored) {
+  put(mServiceInDb, "com.a", 1, [](_vorak_App_Service_In& b) { std::strcpy(b.serviceNames[0], "svc.a"); });
+  std::string name = "com.a";
+  kxhost::LogCapture log;
+  {
+    kxtest::NothrowFailure noRows;
+    mAlgo->populateAppServiceOutputDb();
+    EXPECT_FALSE(mAlgo->writeToActionDataBase(name, 1, 2));
+  }
+  EXPECT_EQ(log.count("populateAppServiceOutputDb() ", ANDROID_LOG_ERROR), 1u);
+  EXPECT_EQ(log.count("Could not allocate AppServiceOutput DB row"), 1u);
+  EXPECT_EQ(log.count("could not write for the app com.a hence setting state to 99"), 1u);
+  EXPECT_EQ(mState.readState(name), APP_STATE_LEARN_FAILED);
+  EXPECT_TRUE(learnt(name).empty());
+  KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
+  EXPECT_EQ(mServiceOutDb.getCountDR(key), 0);
 }
 
 }  // namespace
