@@ -173,18 +173,12 @@ template <typename T>
 kxdbError KxDatabase<T>::openKxdb() {
   Operation op(__func__, this->mTableName, mRefusalLogged);
   bool opened = false;
-  try {
+  op.guard(Operation::Thrown::kCaughtException, [&] {
     if (namesUsable(op)) {
       mBusy.setLimitMs(kxdb::KxBusyHandler::kOpenWaitMs);
       opened = openChecked(op) && createTable(op) == KXDB_SUCCESS;
     }
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE("KXDB", "Caught Exception in %s", __func__);
-  }
+  });
   mBusy.setLimitMs(kxdb::KxBusyHandler::kWaitMs);
   if (opened) return KXDB_SUCCESS;
   // A store that did not open completely is left closed, so that its
@@ -469,7 +463,7 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
   Operation op(__func__, this->mTableName, mRefusalLogged);
   vecT rows;
   if (mDb == nullptr) return rows;
-  try {
+  const bool whole = op.guard(Operation::Thrown::kStringOperations, [&] {
     selectRows(op, key, count, col, dir, [&](sqlite3_stmt* stmt) {
       Row* row = new (std::nothrow) Row;
       if (row == nullptr) {
@@ -481,15 +475,8 @@ typename KxDatabase<T>::vecT KxDatabase<T>::readAllocateDR(KxDBDataRowKey& key, 
       fillRow(row, stmt);
       return true;
     });
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
-    deallocateDR(rows);
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE("KXDB", "Error in std::string operations in %s", __func__);
-    deallocateDR(rows);
-  }
+  });
+  if (!whole) deallocateDR(rows);
   return rows;
 }
 
@@ -502,20 +489,14 @@ size_t KxDatabase<T>::readEachDR(KxDBDataRowKey& key, unsigned long count, kxdbO
   Operation op("readAllocateDR", this->mTableName, mRefusalLogged);
   size_t rows = 0;
   if (mDb == nullptr) return rows;
-  try {
+  op.guard(Operation::Thrown::kStringOperations, [&] {
     selectRows(op, key, count, col, dir, [&](sqlite3_stmt* stmt) {
       KxDBDataRowView<T> view(stmt);
       ++rows;
       onRow(view);
       return true;
     });
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE_AS(op.name(), "KXDB", "Caught exception: %s in %s", e.what(), op.name());
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE_AS(op.name(), "KXDB", "Error in std::string operations in %s", op.name());
-  }
+  });
   return rows;
 }
 
@@ -524,22 +505,14 @@ int KxDatabase<T>::getCountDR(KxDBDataRowKey& key) {
   Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return 0;
   int count = 0;
-  try {
+  op.guard(Operation::Thrown::kCaughtException, [&] {
     const std::string sql = keyedStatement("SELECT COUNT(*) FROM ", key);
     SqliteStatement stmt;
-    if (!prepareLogged(op, stmt, sql)) return 0;
+    if (!prepareLogged(op, stmt, sql)) return;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int(stmt.get(), 0);
     const int rc = stmt.finalize();
     if (rc != SQLITE_OK) op.sqlCode(rc);
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
-    return 0;
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE("KXDB", "Caught Exception in %s", __func__);
-    return 0;
-  }
+  });
   return count;
 }
 
@@ -550,24 +523,16 @@ int KxDatabase<T>::deleteAllDR(KxDBDataRowKey& key) {
   Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return 0;
   int deleted = 0;
-  try {
+  op.guard(Operation::Thrown::kStringOperations, [&] {
     const std::string sql = keyedStatement("DELETE FROM ", key);
     SqliteStatement stmt;
-    if (!prepareLogged(op, stmt, sql)) return 0;
+    if (!prepareLogged(op, stmt, sql)) return;
     const int rc = sqlite3_step(stmt.get());
     if (rc == SQLITE_DONE) deleted = sqlite3_changes(mDb);
     else op.sqlCode(rc);
     const int rcFinal = stmt.finalize();
     if (rcFinal != SQLITE_OK && !op.failed()) op.sqlCode(rcFinal);
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
-    return 0;
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE("KXDB", "Error in std::string operations in %s", __func__);
-    return 0;
-  }
+  });
   return deleted;
 }
 
@@ -751,7 +716,7 @@ template <typename T>
 kxdbError KxDatabase<T>::writeBack(Operation& op) {
   std::list<Row*> written, dropped;
   kxdbError result = KXDB_FAILURE;
-  try {
+  op.guard(Operation::Thrown::kCaughtException, [&] {
     std::lock_guard<std::mutex> writeLock(mWriteMutex);
     SqliteStatement insert, update;
     std::string error;
@@ -763,7 +728,7 @@ kxdbError KxDatabase<T>::writeBack(Operation& op) {
     if (rc != SQLITE_OK) {
       op.info(rc, error.c_str());
       keepCached(op, written);
-      return KXDB_FAILURE;
+      return;
     }
     // Departs from going on in autocommit mode after a failed BEGIN: rows
     // written one by one would be half stored and freed although some
@@ -783,13 +748,7 @@ kxdbError KxDatabase<T>::writeBack(Operation& op) {
     if (!committed) keepCached(op, written);
     freeRows(written);
     result = !op.failed() ? KXDB_SUCCESS : KXDB_FAILURE;
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE_AS(op.name(), "KXDB", "Caught exception: %s in %s", e.what(), op.name());
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE_AS(op.name(), "KXDB", "Caught Exception in %s", op.name());
-  }
+  });
   // Departs from reporting success after an exception: the rows in hand
   // were not committed, so they go back to the cache like any others.
   if (!written.empty()) {
@@ -806,11 +765,12 @@ template <typename T>
 int KxDatabase<T>::deleteDeallocateDR(vecT& rows) {
   Operation op(__func__, this->mTableName, mRefusalLogged);
   if (mDb == nullptr) return deallocateDR(rows);
-  try {
+  bool deleted = false;
+  op.guard(Operation::Thrown::kStringOperations, [&] {
     std::lock_guard<std::mutex> writeLock(mWriteMutex);
     SqliteStatement stmt;
-    if (!prepareLogged(op, stmt, "DELETE FROM " + this->mTableName + " " + "WHERE (rowid) = (?)")) return 0;
-    if (!beginWrite(op)) return 0;
+    if (!prepareLogged(op, stmt, "DELETE FROM " + this->mTableName + " " + "WHERE (rowid) = (?)")) return;
+    if (!beginWrite(op)) return;
     for (Row* row : rows) {
       if (row == nullptr || row->rowid == 0) continue;  // never stored
       // 64 bits wide, as in the write-back.
@@ -827,17 +787,9 @@ int KxDatabase<T>::deleteDeallocateDR(vecT& rows) {
     else commitWrite(op);
     const int rc = stmt.finalize();
     if (rc != SQLITE_OK && !op.failed()) op.sqlCode(rc);
-    if (op.failed()) return 0;
-  } catch (const std::exception& e) {
-    op.record(SQLITE_NOMEM, e.what());
-    KXLOGE("KXDB", "Caught exception: %s in %s", e.what(), __func__);
-    return 0;
-  } catch (...) {
-    op.record(SQLITE_NOMEM, "exception");
-    KXLOGE("KXDB", "Error in std::string operations in %s", __func__);
-    return 0;
-  }
-  return deallocateDR(rows);
+    deleted = !op.failed();
+  });
+  return deleted ? deallocateDR(rows) : 0;
 }
 
 template <typename T>

@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <exception>
 #include <string>
 
 #include "kxdb/KxFailFast.h"
@@ -38,6 +39,14 @@ class KxOperation {
   void sqlCode(int rc, int line = __builtin_LINE());
   // Record and log "ERROR:Dbt=%s info=%s\n" with `message`.
   void info(int rc, const char* message, int line = __builtin_LINE());
+
+  // The lines an exception escaping an operation's body leaves: one that
+  // names the exception, or, for anything else thrown, the operation's own.
+  enum class Thrown { kCaughtException, kStringOperations };
+  // Runs `body`. An exception escaping it (every throw inside a store is an
+  // allocation's) is recorded as out of memory and logged; false then.
+  template <typename Body>
+  bool guard(Thrown thrown, Body&& body);
 
  private:
   const char* mName;
@@ -75,6 +84,22 @@ inline void KxOperation::sqlCode(int rc, int line) {
 inline void KxOperation::info(int rc, const char* message, int line) {
   if (record(rc, message))
     KXLOG_AT(ANDROID_LOG_ERROR, "KXDB", mName, line, "ERROR:Dbt=%s info=%s\n", mTable.c_str(), message);
+}
+
+template <typename Body>
+bool KxOperation::guard(Thrown thrown, Body&& body) {
+  try {
+    body();
+    return true;
+  } catch (const std::exception& e) {
+    record(SQLITE_NOMEM, e.what());
+    KXLOGE_AS(mName, "KXDB", "Caught exception: %s in %s", e.what(), mName);
+  } catch (...) {
+    record(SQLITE_NOMEM, "exception");
+    if (thrown == Thrown::kCaughtException) KXLOGE_AS(mName, "KXDB", "Caught Exception in %s", mName);
+    else KXLOGE_AS(mName, "KXDB", "Error in std::string operations in %s", mName);
+  }
+  return false;
 }
 
 }  // namespace kxdb

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <optional>
+#include <stdexcept>
 
 #include "KxdbTestSupport.h"
 #include "kxdb/KxFailFast.h"
@@ -178,6 +179,20 @@ TEST_F(KxDatabaseFaultTest, RefusedAllocationsGiveTheRowsThatCouldBeHad) {
   EXPECT_EQ(mLog.count("ERROR:Dbt=Vorak new operator failure, allocated=0\n", ANDROID_LOG_ERROR), 1u);
   mDb.deallocateDR(allocated);
   mDb.deallocateDR(read);
+}
+
+// Whatever is thrown inside an operation stays inside it, as its failure.
+TEST_F(KxDatabaseFaultTest, AThrowEndsTheOperationAsItsFailure) {
+  cache({"a", "b"});
+  ASSERT_EQ(mDb.writeCachedDRToDisk(), KXDB_SUCCESS);
+  KxDBDataRowKey any;
+  auto throwing = [](auto thrown) { return [thrown](auto&) { throw thrown; }; };
+  EXPECT_EQ(mDb.readEachDR(any, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, throwing(std::runtime_error("boom"))), 1u);
+  EXPECT_STREQ(kxdb::lastError(), "readAllocateDR: boom (7)");
+  EXPECT_EQ(mDb.readEachDR(any, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, throwing(7)), 1u);
+  EXPECT_STREQ(kxdb::lastError(), "readAllocateDR: exception (7)");
+  EXPECT_EQ(mLog.count("Caught exception: boom in readAllocateDR", ANDROID_LOG_ERROR), 1u);
+  EXPECT_EQ(mLog.count("Error in std::string operations in readAllocateDR", ANDROID_LOG_ERROR), 1u);
 }
 
 TEST_F(KxDatabaseFaultTest, ATableDroppedElsewhereHasNothingToCountOrDelete) {
