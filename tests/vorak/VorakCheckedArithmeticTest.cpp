@@ -30,21 +30,13 @@ struct Case {
   T overflow;  // checkOverflowAndX
 };
 
-template <typename T, size_t N>
-void expectSums(const Case<T> (&cases)[N]) {
+// Each case as a sum (kAdd) or a product, in both flavours.
+template <bool kAdd, typename T, size_t N>
+void expectCases(const Case<T> (&cases)[N]) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndAdd(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndAdd(c.a, c.b), c.overflow);
-  }
-}
-
-template <typename T, size_t N>
-void expectProducts(const Case<T> (&cases)[N]) {
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndMult(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndMult(c.a, c.b), c.overflow);
+    EXPECT_EQ(kAdd ? A::checkAndAdd(c.a, c.b) : A::checkAndMult(c.a, c.b), c.checked);
+    EXPECT_EQ(kAdd ? A::checkOverflowAndAdd(c.a, c.b) : A::checkOverflowAndMult(c.a, c.b), c.overflow);
   }
 }
 
@@ -61,7 +53,7 @@ TEST(VorakCheckedAdd, Pairs) {
       {"first argument not tested for the marker", -1, 5, 4, 4},
       {"genuine -1 result", -3, 2, -1, 0},
   };
-  expectSums(ints);
+  expectCases<true>(ints);
   const Case<u64> u64s[] = {
       {"zero first is not checked", 0, 4000000000ULL, 4000000000ULL, 4000000000ULL},
       {"past the 32-bit limit", 1, 2147483647, kU64Marker, 0},
@@ -72,7 +64,7 @@ TEST(VorakCheckedAdd, Pairs) {
       {"marker as second argument", 5, kU64Marker, kU64Marker, 0},
       {"marker as first argument passes through", kU64Marker, 0, kU64Marker, 0},
   };
-  expectSums(u64s);
+  expectCases<true>(u64s);
   const Case<float> floats[] = {
       {"plain sum", 1.5f, 2.25f, 3.75f, 3.75f},
       {"past float max", 2e9f, 2e9f, -1.0f, 0.0f},
@@ -81,7 +73,7 @@ TEST(VorakCheckedAdd, Pairs) {
       {"marker as second argument", 1.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", 2.0f, -3.0f, -1.0f, 0.0f},
   };
-  expectSums(floats);
+  expectCases<true>(floats);
 }
 
 TEST(VorakCheckedAdd, MixedTypesAndLongerSums) {
@@ -167,7 +159,7 @@ TEST(VorakCheckedMult, Products) {
       {"first argument not tested for the marker", -1, 5, -5, -5},
       {"genuine -1 result", -1, 1, -1, 0},
   };
-  expectProducts(ints);
+  expectCases<false>(ints);
   const Case<float> floats[] = {
       {"plain product", 1.5f, 2.0f, 3.0f, 3.0f},
       {"just past float max", 46341.0f, 46341.0f, -1.0f, 0.0f},
@@ -177,7 +169,7 @@ TEST(VorakCheckedMult, Products) {
       {"marker as second argument", 2.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", -0.5f, 2.0f, -1.0f, 0.0f},
   };
-  expectProducts(floats);
+  expectCases<false>(floats);
 }
 
 TEST(VorakCheckedMult, MixedTypesAndChains) {

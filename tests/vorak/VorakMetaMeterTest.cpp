@@ -250,6 +250,16 @@ TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListLessTheNamesItRefuses) {
   EXPECT_EQ(std::string(slots[0]), longName.substr(0, 255));
 }
 
+// The feature never builds a meter without its tables; should one be, it refuses.
+TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
+  kxhost::LogCapture log;
+  VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
+  std::string app = "com.a";
+  EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
+  EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
+  EXPECT_EQ(log.count("Input database does not exist"), 1u);
+}
+
 TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
   std::string name = "com.a";
   const std::vector<std::pair<AppState, AppState>> transitions{{APP_STATE_COLLECTING, APP_STATE_LEARNING_DUE},
