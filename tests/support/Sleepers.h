@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <vector>
 
@@ -24,6 +25,18 @@ class Sleepers {
   }
   Sleepers(const Sleepers&) = delete;
   Sleepers& operator=(const Sleepers&) = delete;
+
+  // Ends a sleeper of the set with SIGTERM and reaps it: the signal that
+  // ended it (SIGKILL when another had killed it first), -1 for a pid not
+  // of the set or already ended.
+  int end(pid_t pid) {
+    const auto it = std::find(mPids.begin(), mPids.end(), pid);
+    if (it == mPids.end()) return -1;
+    mPids.erase(it);
+    kill(pid, SIGTERM);
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) ? WTERMSIG(status) : -1;
+  }
 
   pid_t start() {
     pid_t pid = fork();

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -24,14 +25,23 @@ static_assert(std::is_same_v<decltype(A::checkOverflowAndMult(1.0f, 2)), float>)
 template <typename T>
 struct Case {
   const char* what;
-  T a;
-  T b;
+  T a, b;
   T checked;   // checkAndX
   T overflow;  // checkOverflowAndX
 };
 
-TEST(VorakCheckedAdd, IntPairs) {
-  const Case<int> cases[] = {
+// Each case as a sum (kAdd) or a product, in both flavours.
+template <bool kAdd, typename T, size_t N>
+void expectCases(const Case<T> (&cases)[N]) {
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(kAdd ? A::checkAndAdd(c.a, c.b) : A::checkAndMult(c.a, c.b), c.checked);
+    EXPECT_EQ(kAdd ? A::checkOverflowAndAdd(c.a, c.b) : A::checkOverflowAndMult(c.a, c.b), c.overflow);
+  }
+}
+
+TEST(VorakCheckedAdd, Pairs) {
+  const Case<int> ints[] = {
       {"plain sum", 2, 3, 5, 5},
       {"reaches max exactly", 2147483000, 647, 2147483647, 2147483647},
       {"one past max", 2147483000, 648, -1, 0},
@@ -43,15 +53,8 @@ TEST(VorakCheckedAdd, IntPairs) {
       {"first argument not tested for the marker", -1, 5, 4, 4},
       {"genuine -1 result", -3, 2, -1, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndAdd(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndAdd(c.a, c.b), c.overflow);
-  }
-}
-
-TEST(VorakCheckedAdd, U64Pairs) {
-  const Case<u64> cases[] = {
+  expectCases<true>(ints);
+  const Case<u64> u64s[] = {
       {"zero first is not checked", 0, 4000000000ULL, 4000000000ULL, 4000000000ULL},
       {"past the 32-bit limit", 1, 2147483647, kU64Marker, 0},
       {"up to the 32-bit limit", 1, 2147483646, 2147483647, 2147483647},
@@ -61,32 +64,24 @@ TEST(VorakCheckedAdd, U64Pairs) {
       {"marker as second argument", 5, kU64Marker, kU64Marker, 0},
       {"marker as first argument passes through", kU64Marker, 0, kU64Marker, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndAdd(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndAdd(c.a, c.b), c.overflow);
-  }
-}
-
-TEST(VorakCheckedAdd, FloatPairs) {
-  const Case<float> cases[] = {
+  expectCases<true>(u64s);
+  const Case<float> floats[] = {
       {"plain sum", 1.5f, 2.25f, 3.75f, 3.75f},
       {"past float max", 2e9f, 2e9f, -1.0f, 0.0f},
       {"float limit is 2^31, not 2^31-1", 2147483520.0f, 128.0f, 2147483648.0f, 2147483648.0f},
+      {"past the limit from below one", 1.0f, 2147483904.0f, -1.0f, 0.0f},
       {"marker as second argument", 1.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", 2.0f, -3.0f, -1.0f, 0.0f},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndAdd(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndAdd(c.a, c.b), c.overflow);
-  }
+  expectCases<true>(floats);
 }
 
-TEST(VorakCheckedAdd, MixedTypePairs) {
+TEST(VorakCheckedAdd, MixedTypesAndLongerSums) {
   // float added to an int: summed in floating point, truncated toward zero.
   EXPECT_EQ(A::checkAndAdd(3, 2.9f), 5);
   EXPECT_EQ(A::checkAndAdd(-3, 0.5f), -2);
+  EXPECT_EQ(A::checkAndAdd(2130706431, 16777216.0f), 2147483647) << "exactly the limit";
+  EXPECT_EQ(A::checkAndAdd(1, NAN), 0);
   EXPECT_EQ(A::checkAndAdd(-5, u64{10}), 5);
   EXPECT_EQ(A::checkAndAdd(1, u64{2147483647}), -1);
   EXPECT_EQ(A::checkOverflowAndAdd(1, kU64Marker), 0);
@@ -95,25 +90,31 @@ TEST(VorakCheckedAdd, MixedTypePairs) {
   EXPECT_EQ(A::checkAndAdd(u64{2147483000}, 648), kU64Marker);
   EXPECT_EQ(A::checkAndAdd(1.5f, i64{-1}), -1.0f);
   EXPECT_EQ(A::checkOverflowAndAdd(2147483000.0f, i64{1000}), 0.0f);
-}
+  EXPECT_EQ(A::checkAndAdd(kU64Marker), kU64Marker);
 
-TEST(VorakCheckedAdd, FoldsFromTheLastArgument) {
   // Left to right this would fit (-10 + 2147483647 + 5); the tail is summed first.
   EXPECT_EQ(A::checkAndAdd(-10, 2147483647, 5), -1);
   EXPECT_EQ(A::checkOverflowAndAdd(-10, 2147483647, 5), 0);
   EXPECT_EQ(A::checkAndAdd(-10, 2147483640, 5), 2147483635);
-
   // The float tail is summed before the int head truncates: 1 + (0.6 + 0.6).
   EXPECT_EQ(A::checkAndAdd(1, 0.6f, 0.6f), 2);
   EXPECT_EQ(A::checkAndAdd(1, 0.5f, 2), 3);
   // Inner int term truncates 1 + 0.5 to 1, then 0.25 + 0.25 + 1 + head 1.
   EXPECT_EQ(A::checkAndAdd(1, 0.25f, 0.25f, 1, 0.25f, 0.25f), 2);
   EXPECT_EQ(A::checkOverflowAndAdd(1, 0.25f, 0.25f, 1, 0.25f, 0.25f), 2);
-
   // The int in second place truncates its tail: 1 + (int)(2 + 0.75).
   EXPECT_EQ(A::checkAndAdd(1.0f, 2, 0.5f, 0.25f), 3.0f);
   EXPECT_EQ(A::checkAndAdd(1.0f, 0.5f, 2, 0.25f, 0.25f), 3.5f);
   EXPECT_EQ(A::checkAndAdd(1.0f, 2e9f, 2e9f), -1.0f);
+  // A marker anywhere after the first argument.
+  EXPECT_EQ(A::checkAndAdd(u64{1}, kU64Marker, u64{3}), kU64Marker);
+  EXPECT_EQ(A::checkOverflowAndAdd(u64{1}, u64{2}, kU64Marker), u64{0});
+  EXPECT_EQ(A::checkAndAdd(1.0f, 1.0f, 1, -1.0f, 1.0f), -1.0f);
+  // Nine figures of 300 MB each exceed the 32-bit range together; seven do not.
+  const u64 m = 300000000;
+  EXPECT_EQ(A::checkAndAdd(u64{1}, u64{2}, u64{3}, u64{4}, u64{5}, u64{6}, u64{7}, u64{8}, u64{9}), u64{45});
+  EXPECT_EQ(A::checkAndAdd(m, m, m, m, m, m, m, m, m), kU64Marker);
+  EXPECT_EQ(A::checkOverflowAndAdd(m, m, m, m, m, m, m), u64{2100000000});
 }
 
 TEST(VorakCheckedAdd, IntFloatIntTriples) {
@@ -123,9 +124,7 @@ TEST(VorakCheckedAdd, IntFloatIntTriples) {
     const char* what;
     int a;
     float b;
-    int c;
-    int checked;
-    int overflow;
+    int c, checked, overflow;
   } cases[] = {
       {"negative truncates toward zero", -3, -0.4f, -2, -5, -5},
       {"tail beyond the float limit", 1, 2e9f, 2000000000, -1, 0},
@@ -143,27 +142,8 @@ TEST(VorakCheckedAdd, IntFloatIntTriples) {
   }
 }
 
-TEST(VorakCheckedAdd, MarkerAnywhereAfterTheFirstArgument) {
-  EXPECT_EQ(A::checkAndAdd(5, -1, 3), -1);
-  EXPECT_EQ(A::checkAndAdd(5, 3, -1), -1);
-  EXPECT_EQ(A::checkAndAdd(-1, 3, 4), 6);
-  EXPECT_EQ(A::checkAndAdd(u64{1}, kU64Marker, u64{3}), kU64Marker);
-  EXPECT_EQ(A::checkOverflowAndAdd(u64{1}, u64{2}, kU64Marker), u64{0});
-  EXPECT_EQ(A::checkAndAdd(1, -1.0f, 2), -1);
-  EXPECT_EQ(A::checkAndAdd(1.0f, 1.0f, 1, -1.0f, 1.0f), -1.0f);
-}
-
-TEST(VorakCheckedAdd, LongU64Sums) {
-  EXPECT_EQ(A::checkAndAdd(u64{1}, u64{2}, u64{3}, u64{4}, u64{5}, u64{6}, u64{7}, u64{8}, u64{9}), u64{45});
-  // Nine figures of 300 MB each exceed the 32-bit range together.
-  const u64 m = 300000000;
-  EXPECT_EQ(A::checkAndAdd(m, m, m, m, m, m, m, m, m), kU64Marker);
-  EXPECT_EQ(A::checkOverflowAndAdd(m, m, m, m, m, m, m, m, m), u64{0});
-  EXPECT_EQ(A::checkOverflowAndAdd(m, m, m, m, m, m, m), u64{2100000000});
-}
-
-TEST(VorakCheckedMult, IntPairs) {
-  const Case<int> cases[] = {
+TEST(VorakCheckedMult, Products) {
+  const Case<int> ints[] = {
       {"plain product", 6, 7, 42, 42},
       {"float-rounded product", 4097, 4097, 16785408, 16785408},
       {"largest square, rounded", 46340, 46340, 2147395584, 2147395584},
@@ -179,25 +159,8 @@ TEST(VorakCheckedMult, IntPairs) {
       {"first argument not tested for the marker", -1, 5, -5, -5},
       {"genuine -1 result", -1, 1, -1, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndMult(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndMult(c.a, c.b), c.overflow);
-  }
-}
-
-TEST(VorakCheckedMult, IntByU64) {
-  EXPECT_EQ(A::checkAndMult(2, u64{1} << 32), -1);
-  EXPECT_EQ(A::checkAndMult(0, (u64{1} << 32) + 5), 0);
-  // 2^31 passes the quadrant test against -1 and contributes its low 32 bits.
-  EXPECT_EQ(A::checkAndMult(-1, u64{2147483648ULL}), kIntMin);
-  EXPECT_EQ(A::checkAndMult(-2, u64{2147483648ULL}), -1);
-  EXPECT_EQ(A::checkAndMult(7, kU64Marker), -1);
-  EXPECT_EQ(A::checkOverflowAndMult(7, kU64Marker), 0);
-}
-
-TEST(VorakCheckedMult, FloatProducts) {
-  const Case<float> cases[] = {
+  expectCases<false>(ints);
+  const Case<float> floats[] = {
       {"plain product", 1.5f, 2.0f, 3.0f, 3.0f},
       {"just past float max", 46341.0f, 46341.0f, -1.0f, 0.0f},
       {"positive by negative past min", 65536.0f, -65536.0f, -1.0f, 0.0f},
@@ -206,22 +169,23 @@ TEST(VorakCheckedMult, FloatProducts) {
       {"marker as second argument", 2.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", -0.5f, 2.0f, -1.0f, 0.0f},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndMult(c.a, c.b), c.checked);
-    EXPECT_EQ(A::checkOverflowAndMult(c.a, c.b), c.overflow);
-  }
+  expectCases<false>(floats);
+}
 
+TEST(VorakCheckedMult, MixedTypesAndChains) {
+  EXPECT_EQ(A::checkAndMult(2, u64{1} << 32), -1);
+  EXPECT_EQ(A::checkAndMult(0, (u64{1} << 32) + 5), 0);
+  // 2^31 passes the quadrant test against -1 and contributes its low 32 bits.
+  EXPECT_EQ(A::checkAndMult(-1, u64{2147483648ULL}), kIntMin);
+  EXPECT_EQ(A::checkAndMult(-2, u64{2147483648ULL}), -1);
+  EXPECT_EQ(A::checkAndMult(7, kU64Marker), -1);
+  EXPECT_EQ(A::checkOverflowAndMult(7, kU64Marker), 0);
   EXPECT_EQ(A::checkAndMult(65536.0f, 65536), -1.0f);
   EXPECT_EQ(A::checkOverflowAndMult(0.25f, -4), 0.0f);
   // A double factor is narrowed to float before the product: 1.00000003
   // becomes 1, whereas a double product would round up to 16777216.
   EXPECT_EQ(A::checkAndMult(16777215.0f, 1.00000003), 16777215.0f);
   EXPECT_EQ(A::checkOverflowAndMult(1e5f, 1e5), 0.0f);
-}
-
-TEST(VorakCheckedMult, SingleArgumentAndChains) {
-  EXPECT_EQ(A::checkAndAdd(kU64Marker), kU64Marker);
   EXPECT_EQ(A::checkAndMult(-1.0f), -1.0f);
   EXPECT_EQ(A::checkAndMult(2, 3, 4), 24);
   EXPECT_EQ(A::checkAndMult(2, 50000, 50000), -1);
@@ -229,12 +193,10 @@ TEST(VorakCheckedMult, SingleArgumentAndChains) {
 }
 
 TEST(VorakCheckedDiff, LimitsAndSigns) {
-  struct {
+  const struct {
     const char* what;
-    float a;
-    float b;
-    float want;
-  } const cases[] = {
+    float a, b, want;
+  } cases[] = {
       {"plain difference", 3.0f, 1.0f, 2.0f},
       {"negative difference is kept", -5.0f, 3.0f, -8.0f},
       {"-1 is an ordinary operand", -1.0f, 5.0f, -6.0f},
@@ -243,12 +205,10 @@ TEST(VorakCheckedDiff, LimitsAndSigns) {
       {"at the upper limit", 0.0f, -2147483648.0f, 2147483648.0f},
       {"at the lower limit", 0.0f, 2147483648.0f, -2147483648.0f},
       {"below the lower limit", -2.1e9f, 1e8f, 0.0f},
+      {"nothing subtracted is never out of range", -3e9f, 0.0f, -3e9f},
       {"near the upper limit but inside", 1e9f, -1e9f, 2e9f},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(A::checkAndDiff(c.a, c.b), c.want);
-  }
+  for (const auto& c : cases) EXPECT_EQ(A::checkAndDiff(c.a, c.b), c.want) << c.what;
 }
 
 }  // namespace

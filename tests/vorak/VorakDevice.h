@@ -3,6 +3,9 @@
 // access to the feature's tables and trigger queue.
 #pragma once
 
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -13,6 +16,7 @@
 #include "Properties.h"
 #include "StatsProvider.h"
 #include "Vorak.pb.h"
+#include "VorakAction.h"
 #include "VorakFeature.h"
 #include "support/FakeStats.h"
 #include "support/PutRows.h"
@@ -24,7 +28,6 @@ class VorakFeatureTestPeer {
   static VorakFeature::UserDb* startProcDb(VorakFeature& f) { return f.mStartProcDb; }
   static VorakFeature::UserDb* favPidDb(VorakFeature& f) { return f.mFavPidDb; }
   static KxDatabase<_vorak_Meter_Data>* meterDb(VorakFeature& f) { return f.mVorakDb; }
-  static KxDatabase<_vorak_Favorite_Time_Slot_Data>* favTimeSlotDb(VorakFeature& f) { return f.mFavTimeSlotDb; }
   static KxDatabase<_vorak_App_Service_In>* serviceInDb(VorakFeature& f) { return f.mServiceInDb; }
   static KxDatabase<_vorak_App_Service_Out>* serviceOutDb(VorakFeature& f) { return f.mServiceOutDb; }
   static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
@@ -55,15 +58,22 @@ inline SysStats sysStats4GB(uint64_t freeKB) {
   return s;
 }
 
-// An encoded model; `withWeight` false leaves its one entry incomplete.
-inline std::string modelBytes(bool withWeight = true) {
+struct ModelFeature {
+  std::string name;
+  float min, max, weight;  // a NaN weight leaves the entry incomplete
+};
+
+inline std::string modelBytes(float bias = -0.5f, float safeload = 0.3f,
+                              const std::vector<ModelFeature>& features = {{"FreeKB", 0, 1048576, -1}}) {
   VorakModel model;
-  model.set_bias(-0.5f);
-  model.set_safeload(0.3f);
-  VorakModel::Feature& entry = (*model.mutable_features())["FreeKB"];
-  entry.set_min(0);
-  entry.set_max(1048576);
-  if (withWeight) entry.set_weight(-1);
+  model.set_bias(bias);
+  model.set_safeload(safeload);
+  for (const ModelFeature& f : features) {
+    VorakModel::Feature& entry = (*model.mutable_features())[f.name];
+    entry.set_min(f.min);
+    entry.set_max(f.max);
+    if (!std::isnan(f.weight)) entry.set_weight(f.weight);
+  }
   return model.SerializePartialAsString();
 }
 
@@ -116,11 +126,43 @@ inline std::vector<int> values(VorakFeature::UserDb* db, const std::string& app)
 }
 
 inline void addRow(VorakFeature::UserDb* db, const std::string& app, int value) {
-  auto rows = db->allocateDR(1);
-  rows[0]->appName = app;
-  rows[0]->blob.value = value;
-  db->writeDeallocateDR(rows);
+  kxtest::putRows(*db, app, 1, [&](auto& b) { b.value = value; });
 }
+
+// A kill the action reported in `msg`, as "<list>:<pid>:<KB>" with the list
+// "bg", "Fav" or "User"; empty for any other line.
+inline std::string killOf(const std::string& msg) {
+  int pid = 0;
+  long kb = 0;
+  char list[8] = "bg";
+  const char* at = std::strstr(msg.c_str(), "Killed ");
+  if (at == nullptr || (std::sscanf(at, "Killed PID = %d, to Free Memory = %ld KB", &pid, &kb) != 2 &&
+                        std::sscanf(at, "Killed %7s PID = %d, to Free Memory = %ld KB", list, &pid, &kb) != 3))
+    return "";
+  return std::string(list) + ":" + std::to_string(pid) + ":" + std::to_string(kb);
+}
+
+// The in-memory tables a kill action borrows.
+struct ActionTables {
+  ActionTables() {
+    for (auto* db : {&mUser, &mFavPid, &mStartProc}) db->KxDatabaseInit();
+    mFavSlot.KxDatabaseInit();
+    mServiceOut.KxDatabaseInit();
+  }
+  std::unique_ptr<VorakAction> newAction(VorakFeature& feature, float safeload) {
+    return std::make_unique<VorakAction>(feature, safeload, &mUser, &mFavPid, &mFavSlot, &mServiceOut, &mStartProc);
+  }
+  void putSlot(const std::string& slot, const std::string& apps) {
+    kxtest::putRows(mFavSlot, slot, 1, [&](auto& b) { apps.copy(b.favoriteApps, sizeof(b.favoriteApps) - 1); });
+  }
+  static void learn(VorakAction& a, const std::string& name, int64_t rssSwap, int64_t ionKgsl) {
+    kxtest::putRows(*a.getActionOutputDb(), name, 1, [&](auto& b) { b.rssSwap = rssSwap, b.ionKgsl = ionKgsl; });
+  }
+
+  VorakFeature::UserDb mUser{100, "", "Vorak"}, mFavPid{100, "", "Vorak"}, mStartProc{100, "", "Vorak"};
+  KxDatabase<_vorak_Favorite_Time_Slot_Data> mFavSlot{100, "", "Vorak"};
+  KxDatabase<_vorak_App_Service_Out> mServiceOut{100, "", "Vorak"};
+};
 
 inline AsyncTriggerPayload trigger(int id, int type, const std::string& app, int pid = 0) {
   AsyncTriggerPayload p;

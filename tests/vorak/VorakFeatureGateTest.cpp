@@ -8,7 +8,6 @@
 #include <fstream>
 #include <random>
 
-#include "VorakAction.h"
 #include "VorakDevice.h"
 #include "kxhost/LogCapture.h"
 
@@ -92,7 +91,7 @@ TEST(VorakFeatureGates, UnparsableModelIsRefused) {
   for (char& c : random) c = static_cast<char>(gen());
   const std::pair<const char*, std::string> cases[] = {{"empty", ""},
                                                        {"truncated", valid.substr(0, valid.size() - 1)},
-                                                       {"no weight", vorakdev::modelBytes(false)},
+                                                       {"no weight", vorakdev::modelBytes(-0.5f, 0.3f, {{"FreeKB", 0, 1, NAN}})},
                                                        {"random", random}};
   for (const auto& [what, bytes] : cases) {
     Device device;
@@ -126,7 +125,6 @@ TEST(VorakFeatureGates, UnusableDatabaseDirectoryFailsAtTheFirstFileTable) {
   EXPECT_EQ(vorakdev::values(Peer::userDb(*feature), "com.a"), std::vector<int>{5});
   EXPECT_NE(Peer::startProcDb(*feature), nullptr);
   EXPECT_NE(Peer::favPidDb(*feature), nullptr);
-  EXPECT_NE(Peer::favTimeSlotDb(*feature), nullptr);
   EXPECT_EQ(Peer::serviceInDb(*feature), nullptr);
 }
 
@@ -138,13 +136,7 @@ TEST(VorakFeatureStart, StartedFeatureKeepsItsTablesAndReportsWhenTracing) {
   ASSERT_FALSE(feature->isDisabled());
   EXPECT_TRUE(feature->isTraceVorak());
   EXPECT_TRUE(log.contains("Successfully Created constructors and Enabled Vorak Feature.", kError));
-  // Every component is built.
-  EXPECT_NE(dynamic_cast<VorakAction*>(feature->getAction()), nullptr);
-  EXPECT_NE(feature->getMetaMeter(), nullptr);
-  EXPECT_NE(feature->getAlgo(), nullptr);
-  EXPECT_FALSE(log.contains("No Action for"));
-  EXPECT_FALSE(log.contains("No MetaMeter for"));
-  EXPECT_FALSE(log.contains("No Algo for"));
+  EXPECT_FALSE(log.contains("No ")) << "every component is built";
   for (const char* file : {"Vorak.db", "VorakServiceIP.db", "VorakServiceOP.db"})
     EXPECT_TRUE(std::filesystem::exists(device.dir().sub(std::string("data/vendor/kx/") + file))) << file;
 

@@ -4,26 +4,18 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "AndroidLog.h"
 #include "DependentServices.h"
-#include "FeatureInfo.h"
-#include "FeatureState.h"
-#include "FsRoot.h"
-#include "StatsProvider.h"
 #include "VorakMetaMeter.h"
 #include "kxhost/LogCapture.h"
+#include "support/DeviceRoot.h"
 #include "support/FakeStats.h"
 #include "support/PutRows.h"
 #include "support/Sleepers.h"
-#include "support/TempDir.h"
 
 namespace {
 
@@ -50,10 +42,6 @@ std::unique_ptr<Meter> memoryMeter(const std::string& app, int pid, std::vector<
 class VorakMetaMeterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // Learning states persist under the device root: keep them in our directory.
-    kxhost::setFsRoot(mDir.path());
-    std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
-    kxhost::clearFeatureStates();
     kxhost::ServiceRegistry::instance().clear();
     kxhost::setStatsSource(mStats);
     ASSERT_EQ(mMeterDb.KxDatabaseInit(), KXDB_SUCCESS);
@@ -65,8 +53,6 @@ class VorakMetaMeterTest : public ::testing::Test {
   }
   void TearDown() override {
     mMeter.reset();
-    kxhost::clearFeatureStates();
-    kxhost::setFsRoot("");
     kxhost::setStatsSource(nullptr);
     kxhost::ServiceRegistry::instance().clear();
   }
@@ -78,23 +64,16 @@ class VorakMetaMeterTest : public ::testing::Test {
                             [](const auto& row) { return Sample(row.blob.ionKgsl, row.blob.rssSwap); });
   }
 
-  // The stored service row of `app`, one string per slot (empty when zero);
-  // also checks that every byte after a name's terminator is zero.
-  std::vector<std::string> storedServices(const std::string& app, int* rowCount = nullptr) {
-    KxDBDataRowKey key(app, KXDB_INTCOL_UNSET);
-    auto rows = mServiceInDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-    if (rowCount != nullptr) *rowCount = static_cast<int>(rows.size());
-    std::vector<std::string> out;
-    if (!rows.empty()) {
-      for (const auto& slot : rows.front()->blob.serviceNames) {
-        std::string name(slot, strnlen(slot, sizeof(slot)));
-        EXPECT_LT(name.size(), sizeof(slot));
-        EXPECT_TRUE(std::all_of(slot + name.size(), slot + sizeof(slot), [](char c) { return c == 0; }));
-        out.push_back(name);
-      }
-    }
-    mServiceInDb.deallocateDR(rows);
-    return out;
+  // The stored service rows of `app`, one string per slot up to its last
+  // non-zero byte: a byte left after a name's terminator shows.
+  using Rows = std::vector<std::vector<std::string>>;
+  Rows storedServices(const std::string& app) {
+    return kxtest::readRows(mServiceInDb, KxDBDataRowKey(app, KXDB_INTCOL_UNSET), [](const auto& row) {
+      std::vector<std::string> out;
+      for (const auto& slot : row.blob.serviceNames)
+        out.emplace_back(slot, std::string(slot, sizeof(slot)).find_last_not_of('\0') + 1);
+      return out;
+    });
   }
 
   // Registers `services` for `app`; each with a pid gets it and figures
@@ -113,7 +92,7 @@ class VorakMetaMeterTest : public ::testing::Test {
     mStats->set(PIDStats{pid, 777777, 0, rssAnonSwapKB, "svc", gpuKB});
   }
 
-  kxtest::TempDir mDir;
+  kxtest::DeviceRoot mRoot;  // learning states persist under the device root
   std::shared_ptr<kxtest::FakeStats> mStats = std::make_shared<kxtest::FakeStats>();
   KxDatabase<_vorak_Meter_Data> mMeterDb{100, "", "Vorak"};
   KxDatabase<_vorak_App_Service_In> mServiceInDb{100, "", "Vorak"};
@@ -129,17 +108,13 @@ TEST_F(VorakMetaMeterTest, AcceptsOnlyAFirstMeterNamedMemory) {
   auto lower = memoryMeter("com.a", 1, {1}, {1}, 4225, "memory");
   std::vector<Meter*> meters{memory.get(), nullptr};
   EXPECT_TRUE(mMeter->validateAndSetMeters(meters));
-
-  meters = {lower.get(), memory.get()};
-  EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
-  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() ", ANDROID_LOG_ERROR));
-  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory "));
-
   meters.clear();
   EXPECT_FALSE(mMeter->validateAndSetMeters(meters));
   EXPECT_TRUE(log.contains("Found an unknown Meter type :  "));
 
-  EXPECT_FALSE(record(lower));
+  EXPECT_FALSE(mMeter->writeToDataBase({lower.get(), memory.get()}));
+  EXPECT_TRUE(log.contains("VorakMetaMeter: validateAndSetMeters() ", ANDROID_LOG_ERROR));
+  EXPECT_TRUE(log.contains("Found an unknown Meter type : memory "));
   EXPECT_TRUE(log.contains("writeToDataBase() end. Failed @  validateAndSetMeters "));
   EXPECT_TRUE(samplesOf("com.a").empty());
 }
@@ -151,21 +126,17 @@ TEST_F(VorakMetaMeterTest, FieldListIsExactlyTheTwoMemoryFieldsInAnyOrder) {
   EXPECT_TRUE(mMeter->isValidFieldList(fields));
   fields = {&ion};
   EXPECT_FALSE(mMeter->isValidFieldList(fields));
+  fields.clear();
+  EXPECT_FALSE(mMeter->isValidFieldList(fields));
   fields = {&ion, &rss, &rss2};
   EXPECT_FALSE(mMeter->isValidFieldList(fields));
   EXPECT_EQ(log.lines().size(), 0u);
-
   fields = {&ion, &pss};
   EXPECT_FALSE(mMeter->isValidFieldList(fields));
   EXPECT_TRUE(log.contains("Found an unknown Field type : pss "));
   fields = {&ion, nullptr};
   EXPECT_FALSE(mMeter->isValidFieldList(fields));
   EXPECT_TRUE(log.contains("Found an unknown Field type :  "));
-
-  fields = {nullptr, &rss, &rss2};
-  EXPECT_EQ(mMeter->getMemoryField(fields, "rss_swap"), &rss);
-  EXPECT_EQ(mMeter->getMemoryField(fields, "ion_kgsl"), nullptr);
-  EXPECT_EQ(mMeter->getMemoryField(fields, nullptr), nullptr);
 }
 
 TEST_F(VorakMetaMeterTest, RecordsTheLaunchedAppsReadingsAndNoOtherApps) {
@@ -201,30 +172,38 @@ TEST_F(VorakMetaMeterTest, NothingIsRecordedWithoutAUsableLaunchName) {
 }
 
 TEST_F(VorakMetaMeterTest, ZeroRssSwapRecordsNothingForTheAppButStillSamplesItsServices) {
-  const int svc = mSleepers.start();
-  setServices("com.a", {"svc.a"}, {svc});
+  setServices("com.a", {"svc.a"}, {mSleepers.start()});
   kxhost::LogCapture log;
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {0})));
   EXPECT_TRUE(samplesOf("com.a").empty());
   EXPECT_EQ(log.lines().size(), 0u) << "a sample without resident memory is no failure";
   EXPECT_EQ(samplesOf("svc.a"), (std::vector<Sample>{{10, 1000}}));
-  EXPECT_EQ(storedServices("com.a")[0], "svc.a");
-}
-
-TEST_F(VorakMetaMeterTest, WithoutAConfiguredSampleCountOnlyServicesAreSampled) {
-  kxhost::LogCapture log;
-  mInfo.meterInfo.clear();
-  mMeter = std::make_unique<VorakMetaMeter>(mInfo, &mMeterDb, mState, &mServiceInDb);
-  setServices("com.a", {"svc.a"}, {mSleepers.start()});
-  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {500})));
-  EXPECT_TRUE(log.contains("writeToDataBase() end. Failed @  allocSize != mVorakMeterSamples  "));
-  EXPECT_TRUE(samplesOf("com.a").empty());
+  EXPECT_EQ(storedServices("com.a").at(0)[0], "svc.a");
+  // A service due for learning is not sampled.
+  mState.writeState("svc.a", APP_STATE_LEARNING_DUE);
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {0})));
   EXPECT_EQ(samplesOf("svc.a").size(), 1u);
 }
 
+// A launch sample takes the configured number of rows: the readings in the
+// first, the others zeroed. With none configured only the services are sampled.
+TEST_F(VorakMetaMeterTest, ALaunchSampleTakesTheConfiguredNumberOfRows) {
+  kxhost::LogCapture log;
+  setServices("com.a", {"svc.a"}, {mSleepers.start()});
+  mInfo.meterInfo[0].samplesPerMeter = 2;
+  mMeter = std::make_unique<VorakMetaMeter>(mInfo, &mMeterDb, mState, &mServiceInDb);
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {500})));
+  EXPECT_EQ(samplesOf("com.a"), (std::vector<Sample>{{300, 500}, {0, 0}}));
+  mInfo.meterInfo.clear();
+  mMeter = std::make_unique<VorakMetaMeter>(mInfo, &mMeterDb, mState, &mServiceInDb);
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {300}, {500})));
+  EXPECT_TRUE(log.contains("writeToDataBase() end. Failed @  allocSize != mVorakMeterSamples  "));
+  EXPECT_EQ(samplesOf("com.a").size(), 2u);
+  EXPECT_EQ(samplesOf("svc.a").size(), 2u);
+}
+
 TEST_F(VorakMetaMeterTest, PairsServiceNamesWithLivePidsByPositionSkippingTheLaunchPid) {
-  const int launch = mSleepers.start();
-  const int other = mSleepers.start();
+  const int launch = mSleepers.start(), other = mSleepers.start();
   // Only the third and fourth services run; their pids go to the first two names.
   setServices("com.a", {"svc.0", "svc.1", "svc.2", "svc.3"}, {});
   kxhost::ServiceRegistry::instance().setServicePid("svc.2", launch);
@@ -232,13 +211,10 @@ TEST_F(VorakMetaMeterTest, PairsServiceNamesWithLivePidsByPositionSkippingTheLau
   setFigures(other, 2000, 20);
   EXPECT_TRUE(record(memoryMeter("com.a", launch, {1}, {1})));
 
-  auto first = samplesOf("svc.0");
-  auto second = samplesOf("svc.1");
+  const auto first = samplesOf("svc.0"), second = samplesOf("svc.1");
   EXPECT_EQ(first.size() + second.size(), 1u) << "the launch pid is never sampled";
-  auto taken = first.empty() ? second : first;
-  EXPECT_EQ(taken, (std::vector<Sample>{{20, 2000}}));
-  EXPECT_TRUE(samplesOf("svc.2").empty());
-  EXPECT_TRUE(samplesOf("svc.3").empty());
+  EXPECT_EQ(first.empty() ? second : first, (std::vector<Sample>{{20, 2000}}));
+  EXPECT_TRUE(samplesOf("svc.2").empty() && samplesOf("svc.3").empty());
 }
 
 TEST_F(VorakMetaMeterTest, StoresTwelveOfFifteenServicesAndSamplesAsManyNames) {
@@ -251,22 +227,8 @@ TEST_F(VorakMetaMeterTest, StoresTwelveOfFifteenServicesAndSamplesAsManyNames) {
   setServices("com.a", names, pids);
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
 
-  EXPECT_EQ(storedServices("com.a"), std::vector<std::string>(names.begin(), names.begin() + 12));
+  EXPECT_EQ(storedServices("com.a"), Rows{std::vector<std::string>(names.begin(), names.begin() + 12)});
   for (int i = 0; i < 15; ++i) EXPECT_EQ(samplesOf(names[i]).size(), i < 12 ? 1u : 0u) << names[i];
-}
-
-TEST_F(VorakMetaMeterTest, QueriedNamesPairWithThePidsOfTheStoredList) {
-  const int stored = mSleepers.start();
-  setServices("com.a", {"svc.first"}, {stored});
-  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
-  ASSERT_EQ(samplesOf("svc.first").size(), 1u);
-
-  // The app now reports another service: its pids still come from the
-  // stored first list, and the fresh name is paired with them.
-  setServices("com.a", {"svc.now"}, {});
-  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
-  EXPECT_EQ(samplesOf("svc.now"), (std::vector<Sample>{{10, 1000}}));
-  EXPECT_EQ(samplesOf("svc.first").size(), 1u);
 }
 
 TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListLessTheNamesItRefuses) {
@@ -277,17 +239,25 @@ TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListLessTheNamesItRefuses) {
   setServices("com.a", {"svc.z"}, {});
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
 
-  int rows = 0;
   std::vector<std::string> expected{"svc.a", "svc.d"};
   expected.resize(12);
-  EXPECT_EQ(storedServices("com.a", &rows), expected);
-  EXPECT_EQ(rows, 1);
+  EXPECT_EQ(storedServices("com.a"), Rows{expected});
   EXPECT_EQ(log.count("VorakMetaMeter: writeToDataBase() "), 2u);
   EXPECT_EQ(log.count("Service \"svc/c\" of com.a not recorded: contains '/'"), 1u);
 
   char slots[12][256];
   mMeter->convertToCharArray({longName}, slots);
   EXPECT_EQ(std::string(slots[0]), longName.substr(0, 255));
+}
+
+// The feature never builds a meter without its tables; should one be, it refuses.
+TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
+  kxhost::LogCapture log;
+  VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
+  std::string app = "com.a";
+  EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
+  EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
+  EXPECT_EQ(log.count("Input database does not exist"), 1u);
 }
 
 TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
@@ -306,27 +276,6 @@ TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
     EXPECT_TRUE(mMeter->writeToInputDb(name, 1, 1));
     EXPECT_EQ(mState.readState(name), to) << "from " << from;
   }
-}
-
-TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
-  kxhost::LogCapture log;
-  VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
-  std::string app = "com.a";
-  EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
-  EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
-  EXPECT_EQ(log.count("Input database does not exist"), 1u);
-  auto sample = memoryMeter(app, 1, {1}, {1});
-  EXPECT_FALSE(bare.writeToDataBase({sample.get()}));
-  EXPECT_EQ(log.count("Failed @ DBhandle mVorakDb"), 1u);
-  EXPECT_TRUE(mMeter->writeToAppServiceInputDb(app, {"svc.a"}));
-  EXPECT_EQ(storedServices(app)[0], "svc.a");
-}
-
-TEST_F(VorakMetaMeterTest, ServicesDueForLearningAreNotSampled) {
-  setServices("com.a", {"svc.a"}, {mSleepers.start()});
-  mState.writeState("svc.a", APP_STATE_LEARNING_DUE);
-  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
-  EXPECT_TRUE(samplesOf("svc.a").empty());
 }
 
 }  // namespace

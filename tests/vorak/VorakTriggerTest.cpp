@@ -25,10 +25,14 @@ constexpr int kPrepare = 4162, kMeter = 4163, kLaunch = 4225, kForget = 4242, kR
 
 // A feature stopped at the memory gate has no worker: its queue shows
 // exactly what runAsync queued.
-TEST(VorakDispatch, QueuesOnlyTheUserTableTriggers) {
-  Device device(0);
-  auto feature = device.create();
-  kxhost::LogCapture log;
+class VorakDispatch : public ::testing::Test {
+ protected:
+  Device mDevice{0};
+  std::unique_ptr<VorakFeature> mFeature = mDevice.create();
+  kxhost::LogCapture mLog;
+};
+
+TEST_F(VorakDispatch, QueuesOnlyTheUserTableTriggers) {
   const std::pair<AsyncTriggerPayload, bool> cases[] = {
       {trigger(kPrepare, 0, "a"), true},   {trigger(kRemoved, 0, "a"), true},  {trigger(kLaunch, 2, "a"), true},
       {trigger(kLaunch, 101, "a"), true},  {trigger(kLaunch, 102, "a"), true}, {trigger(kLaunch, 1, "a"), false},
@@ -36,53 +40,47 @@ TEST(VorakDispatch, QueuesOnlyTheUserTableTriggers) {
       {trigger(4226, 2, "a"), false}};
   size_t expected = 0;
   for (const auto& [t, queued] : cases) {
-    feature->runAsync(t);
+    mFeature->runAsync(t);
     expected += queued;
-    EXPECT_EQ(Peer::queued(*feature), expected) << t.hintID << "/" << t.hintType;
+    EXPECT_EQ(Peer::queued(*mFeature), expected) << t.hintID << "/" << t.hintType;
   }
-  EXPECT_EQ(log.count("VorakFeature: runAsync() "), std::size(cases));
-  EXPECT_EQ(log.count("No MetaMeter", ANDROID_LOG_ERROR), std::size(cases));
+  EXPECT_EQ(mLog.count("VorakFeature: runAsync() "), std::size(cases));
+  EXPECT_EQ(mLog.count("No MetaMeter", ANDROID_LOG_ERROR), std::size(cases));
 }
 
-TEST(VorakDispatch, FiftyFirstPushEmptiesTheQueue) {
-  Device device(0);
-  auto feature = device.create();
-  kxhost::LogCapture log;
-  for (int i = 0; i < 50; ++i) feature->runAsync(trigger(kPrepare, 0, "a"));
-  EXPECT_EQ(Peer::queued(*feature), 50u);
-  EXPECT_FALSE(log.contains("flooding"));
-  feature->runAsync(trigger(kPrepare, 0, "a"));
-  EXPECT_EQ(Peer::queued(*feature), 0u);
-  EXPECT_EQ(log.count("WQ: push() ", ANDROID_LOG_WARN), 1u);
-  EXPECT_TRUE(log.contains("VorakTriggerQ push() size=50 mFlushThreshold=50, Reached threshold => flooding "
-                           "detected, clearing Queue"));
-  feature->runAsync(trigger(kPrepare, 0, "a"));
-  EXPECT_EQ(Peer::queued(*feature), 1u);
+TEST_F(VorakDispatch, FiftyFirstPushEmptiesTheQueue) {
+  for (int i = 0; i < 50; ++i) mFeature->runAsync(trigger(kPrepare, 0, "a"));
+  EXPECT_EQ(Peer::queued(*mFeature), 50u);
+  EXPECT_FALSE(mLog.contains("flooding"));
+  mFeature->runAsync(trigger(kPrepare, 0, "a"));
+  EXPECT_EQ(Peer::queued(*mFeature), 0u);
+  EXPECT_EQ(mLog.count("WQ: push() ", ANDROID_LOG_WARN), 1u);
+  EXPECT_TRUE(mLog.contains("VorakTriggerQ push() size=50 mFlushThreshold=50, Reached threshold => flooding "
+                            "detected, clearing Queue"));
+  mFeature->runAsync(trigger(kPrepare, 0, "a"));
+  EXPECT_EQ(Peer::queued(*mFeature), 1u);
 }
 
 // The worker's failure lines name the store's own error. Items that outlive
 // the tables (the feature is going) have nothing to update and no line.
-TEST(VorakDispatch, WorkerLinesCarryTheStoresErrorAndOnlyForRealFailures) {
-  Device device(0);
-  auto feature = device.create();
-  kxhost::LogCapture log;
+TEST_F(VorakDispatch, WorkerLinesCarryTheStoresErrorAndOnlyForRealFailures) {
   auto work = [&](const AsyncTriggerPayload& t) {
-    feature->runAsync(t);
-    Peer::pushStop(*feature);
-    feature->dbOperations();
+    mFeature->runAsync(t);
+    Peer::pushStop(*mFeature);
+    mFeature->dbOperations();
   };
   for (auto t : {trigger(kPrepare, 0, "com.a", 5), trigger(kLaunch, 101, "com.a", 5), trigger(kRemoved, 0, "com.a")})
     work(t);
-  EXPECT_FALSE(log.contains("dbOperations()"));
+  EXPECT_FALSE(mLog.contains("dbOperations()"));
 
   if (!kxtest::storeReportsFailedWrites()) GTEST_SKIP() << "needs the store's failure reporting";
   auto* user = new VorakFeature::UserDb(100, "User.db", "Vorak");
   ASSERT_EQ(user->KxDatabaseInit(), KXDB_SUCCESS);
-  Peer::setUserDb(*feature, user);
+  Peer::setUserDb(*mFeature, user);
   kxtest::FailingWrites failing("User.db");
   work(trigger(kPrepare, 0, "com.a", 5));
   ASSERT_STRNE(kxdb::lastError(), "");
-  EXPECT_EQ(log.count(std::string("Couldnt Update PID in User DB. Err = ") + kxdb::lastError()), 1u);
+  EXPECT_EQ(mLog.count(std::string("Couldnt Update PID in User DB. Err = ") + kxdb::lastError()), 1u);
 }
 
 // Records the names of the triggers that reached the meter aggregator.
@@ -207,12 +205,7 @@ TEST_F(VorakSampling, LearningStateGatesSamples) {
 
 TEST_F(VorakSampling, ForgetTriggerDropsSamplesOrLearningDue) {
   auto* meterDb = Peer::meterDb(*mFeature);
-  for (const char* app : {"forget.a", "forget.a", "forget.b"}) {
-    auto rows = meterDb->allocateDR(1);
-    rows[0]->appName = app;
-    rows[0]->blob = {1, 2};
-    meterDb->writeDeallocateDR(rows);
-  }
+  for (const char* app : {"forget.a", "forget.a", "forget.b"}) kxtest::putRows(*meterDb, app, 1, [](auto&) {});
   KxDBDataRowKey a("forget.a", 0), b("forget.b", 0);
   EXPECT_FALSE(mFeature->needsLearning(trigger(kForget, 0, "forget.a")));
   EXPECT_EQ(meterDb->getCountDR(a), 0);
@@ -307,34 +300,27 @@ TEST_F(VorakWorker, DuplicatedAppsAreReportedAndHandledPerTable) {
   EXPECT_EQ(log.count("> 1 entries in FavoritePID DB."), 2u);
 }
 
-// A write or deletion the store could not commit fails the operation, and
-// nothing of it shows in the table.
-TEST_F(VorakWorker, TableOperationsFailWhenTheStoreCannotWrite) {
+// A missing table, or a write or deletion the store could not commit, fails
+// the operation, and nothing of it shows in the table.
+TEST_F(VorakWorker, TableOperationsFailWithoutATableOrAWritableStore) {
+  std::string a = "com.a", b = "com.b";
+  EXPECT_EQ(mFeature->updatePIDInDB(nullptr, a, 1, "User"), -1);
+  EXPECT_EQ(mFeature->updateFavDB(nullptr, a, 1, "FavoritePID"), -1);
+  EXPECT_EQ(mFeature->deleteAppFromDB(nullptr, a, "User"), -1);
+  EXPECT_EQ(mFeature->updatePIDInDB(mUser, a, 1, nullptr), -1);
+  EXPECT_EQ(values(mUser, a), Ints{});
+
   if (!kxtest::storeReportsFailedWrites()) GTEST_SKIP() << "needs the store's failure reporting";
   VorakFeature::UserDb db(100, "Failing.db", "Vorak");
   ASSERT_EQ(db.KxDatabaseInit(), KXDB_SUCCESS);
-  addRow(&db, "com.a", 1);
-  std::string a = "com.a", b = "com.b";
+  addRow(&db, a, 1);
   kxtest::FailingWrites failing("Failing.db");
   EXPECT_EQ(mFeature->updatePIDInDB(&db, b, 2, "User"), -1) << "insert";
   EXPECT_EQ(mFeature->updatePIDInDB(&db, a, 2, "User"), -1) << "update";
   EXPECT_EQ(mFeature->updateFavDB(&db, a, 3, "FavoritePID"), -1);
   EXPECT_EQ(mFeature->deleteAppFromDB(&db, a, "User"), -1);
-  EXPECT_EQ(values(&db, "com.a"), Ints{1});
-  EXPECT_EQ(values(&db, "com.b"), Ints{});
-}
-
-TEST_F(VorakWorker, TableOperationsRefuseMissingTablesAndReturnZeroOnSuccess) {
-  std::string app = "com.a";
-  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, "User"), 0);
-  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, "User"), 0) << "the same pid again";
-  EXPECT_EQ(mFeature->updateFavDB(mUser, app, 2, "User"), 0);
-  EXPECT_EQ(mFeature->deleteAppFromDB(mUser, app, "User"), 0);
-  EXPECT_EQ(mFeature->updatePIDInDB(nullptr, app, 1, "User"), -1);
-  EXPECT_EQ(mFeature->updateFavDB(nullptr, app, 1, "FavoritePID"), -1);
-  EXPECT_EQ(mFeature->deleteAppFromDB(nullptr, app, "User"), -1);
-  EXPECT_EQ(mFeature->updatePIDInDB(mUser, app, 1, nullptr), -1);
-  EXPECT_EQ(values(mUser, app), Ints{});
+  EXPECT_EQ(values(&db, a), Ints{1});
+  EXPECT_EQ(values(&db, b), Ints{});
 }
 
 }  // namespace
