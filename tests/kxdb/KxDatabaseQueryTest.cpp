@@ -110,31 +110,4 @@ TEST_F(KxDatabaseQueryTest, DistinctValuesAreCappedAtOneThousand) {
   EXPECT_EQ(log.count("Dbt=Vorak Restrict Cnt to 1000\n", ANDROID_LOG_WARN), 1u);
 }
 
-TEST_F(KxDatabaseQueryTest, AnEmptyKeySelectsCountsAndDeletesTheWholeTable) {
-  putSample(mDb, "a", 0, 0);
-  putSample(mDb, "b", 0, 0);
-  KxDBDataRowKey any;
-  EXPECT_EQ(mDb.getCountDR(any), 2);
-  EXPECT_EQ(mDb.deleteAllDR(any), 2);
-  EXPECT_EQ(mDb.getCountDR(any), 0);
-}
-
-TEST_F(KxDatabaseQueryTest, QuotesInANameSelectOnlyThatName) {
-  const std::string evil = "x') OR 1=1 --";
-  putSample(mDb, "other", 1, 1);
-  putSample(mDb, evil, 2, 2);
-  putSample(mDb, "it's", 3, 3);
-  KxDBDataRowKey key(evil, 0);
-  auto rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0]->appName, evil);
-  mDb.deallocateDR(rows);
-  EXPECT_EQ(mDb.getCountDR(key), 1);
-  EXPECT_EQ(mDb.deleteAllDR(key), 1);
-  KxDBDataRowKey quote("it's", 0);
-  EXPECT_EQ(mDb.getCountDR(quote), 1);
-  KxDBDataRowKey any;
-  EXPECT_EQ(mDb.getCountDR(any), 2);
-}
-
 }  // namespace

@@ -26,24 +26,6 @@ class KxDatabaseTest : public ::testing::Test {
   MeterDb mDb{1000, "", "Vorak"};
 };
 
-TEST_F(KxDatabaseTest, ReadChangeAndWriteBackUpdatesInPlace) {
-  putSample(mDb, "com.a", 1, 2);
-  KxDBDataRowKey key("com.a", 0);
-  auto rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  ASSERT_EQ(rows.size(), 1u);
-  const int64_t rowid = rows[0]->rowid;
-  EXPECT_NE(rowid, 0);
-  rows[0]->blob.rssSwap = 99;
-  EXPECT_EQ(mDb.writeDeallocateDR(rows), 1);
-  EXPECT_TRUE(rows.empty());
-
-  rows = mDb.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0]->rowid, rowid);
-  EXPECT_EQ(rows[0]->blob.rssSwap, 99);
-  mDb.deallocateDR(rows);
-}
-
 TEST_F(KxDatabaseTest, SkippedParametersKeepThePreviousRowsBinding) {
   auto rows = mDb.allocateDR(2);
   rows[0]->appName = "first";
@@ -69,23 +51,6 @@ TEST_F(KxDatabaseTest, AllocationIsCappedAtOneHundredRowsWithAWarning) {
   EXPECT_EQ(log.count("Dbt=Vorak Restrict reqCnt to 100\n", ANDROID_LOG_WARN), 1u);
   EXPECT_EQ(mDb.deallocateDR(rows), 100);
   EXPECT_TRUE(mDb.allocateDR(0).empty());
-}
-
-TEST_F(KxDatabaseTest, EmptyHandOverTouchesNothing) {
-  KxDatabase<_vorak_Meter_Data>::vecT none;
-  EXPECT_EQ(mDb.writeDeallocateDR(none), 0);
-  EXPECT_TRUE(storedNames(mDb).empty());
-}
-
-TEST_F(KxDatabaseTest, CachedRowsAreInvisibleUntilWrittenBack) {
-  auto rows = mDb.allocateDR(1);
-  rows[0]->appName = "c";
-  rows[0]->blob = {0, 0};
-  EXPECT_EQ(mDb.cacheRow(rows), 1u);
-  KxDBDataRowKey key("c", 0);
-  EXPECT_EQ(mDb.getCountDR(key), 0);
-  EXPECT_EQ(mDb.KxDatabaseWriteCachedToDisk(), KXDB_SUCCESS);
-  EXPECT_EQ(mDb.getCountDR(key), 1);
 }
 
 // Rows cached in a store that is not open are kept, and a write-back
