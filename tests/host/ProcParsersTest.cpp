@@ -23,7 +23,11 @@ TEST(ProcParsers, ZoneinfoSumsNodesAndFoldsDma32IntoDma) {
       "      nr_active_file 5\n"
       "Node 2, zone   Normal\n"
       "  pages free     8\n"
-      "      nr_active_file 6\n";
+      "      nr_active_file 6\n"
+      "  per-node stats\n"  // node counters, until the next zone
+      "      nr_active_file 50\n"
+      "Node 2, zone  HighMem\n"
+      "      nr_active_file 9\n";
   kxhost::ZoneInfo zones;
   std::string error;
   ASSERT_TRUE(kxhost::parseZoneinfo(text, &zones, &error)) << error;
@@ -34,6 +38,7 @@ TEST(ProcParsers, ZoneinfoSumsNodesAndFoldsDma32IntoDma) {
   EXPECT_EQ(zones.dma.activeFile, 4u);
   EXPECT_EQ(zones.normal.freePages, 15u);
   EXPECT_EQ(zones.normal.activeFile, 11u);
+  EXPECT_EQ(zones.highMem.activeFile, 9u);
   EXPECT_EQ(zones.highMem.freePages + zones.movable.freePages, 0u);
 }
 
