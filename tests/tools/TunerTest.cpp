@@ -1,15 +1,11 @@
-// The safeload grid and the choice of its best point.
+// The safeload grid: the share values a tune may try.
 
 #include <gtest/gtest.h>
-
-#include <tuple>
 
 #include "ModelFile.h"
 #include "Tuner.h"
 
 namespace {
-
-using vmodel::TunePoint;
 
 TEST(Tuner, GridsAreSortedShareValues) {
   const struct {
@@ -31,42 +27,6 @@ TEST(Tuner, GridsAreSortedShareValues) {
       EXPECT_NE(std::string(e.what()).find(bad), std::string::npos) << e.what();
     }
   }
-}
-
-TunePoint point(float safeload, double totalMs, size_t coldByKills) {
-  TunePoint p;
-  p.safeload = safeload;
-  p.total.launchMsTotal = totalMs;
-  p.total.coldByKills = coldByKills;
-  return p;
-}
-
-TEST(Tuner, ChoosesLeastLaunchTimeThenFewestColdLaunchesThenLessKilling) {
-  const struct {
-    const char* what;
-    std::vector<TunePoint> points;
-    size_t chosen;
-  } cases[] = {
-      {"launch time first", {point(0.1f, 900, 0), point(0.2f, 800, 9), point(0.3f, 850, 0)}, 1},
-      {"cold launches break a tie", {point(0.1f, 800, 5), point(0.2f, 800, 3), point(0.3f, 800, 4)}, 1},
-      {"then the smaller safeload", {point(0.3f, 800, 3), point(0.2f, 800, 3)}, 1},
-  };
-  for (const auto& c : cases) EXPECT_EQ(vmodel::choosePoint(c.points), c.chosen) << c.what;
-}
-
-TEST(Tuner, SumsEachPointsScenariosInGridMajorOrder) {
-  std::vector<vmodel::RunResult> runs(4);
-  for (size_t i = 0; i < runs.size(); ++i) {
-    runs[i].figures.launches = 10;
-    runs[i].figures.launchMsTotal = 1000.0 * static_cast<double>(i + 1);
-    runs[i].figures.launchMsP95 = static_cast<double>(i);
-  }
-  const auto points = vmodel::sumByPoint({0.1f, 0.2f}, runs);
-  ASSERT_EQ(points.size(), 2u);
-  // Runs 3 and 4; the p95 is the worst scenario's.
-  const auto& t = points[1].total;
-  EXPECT_EQ(std::make_tuple(t.launchMsTotal, t.launches, t.launchMsMean, t.launchMsP95),
-            std::make_tuple(7000.0, size_t{20}, 350.0, 3.0));
 }
 
 }  // namespace
