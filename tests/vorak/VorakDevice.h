@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -33,12 +32,6 @@ class VorakFeatureTestPeer {
   static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
   // Waits until the worker has dealt with everything queued so far.
   static void drain(VorakFeature& f) { f.mTriggerQ.waitIdle(); }
-  // Queues the destructor's stop item, for a test that runs the worker's
-  // body itself.
-  static void pushStop(VorakFeature& f) { f.mTriggerQ.push(PayloadInfo::stopItem()); }
-  // Gives a feature stopped at a gate (no tables, components or worker) a
-  // User table; the feature owns `db` from then on.
-  static void setUserDb(VorakFeature& f, VorakFeature::UserDb* db) { f.mUserDb = db; }
   // The feature owns `meter` from then on.
   static void setMetaMeter(VorakFeature& f, MetaMeter* meter) {
     delete f.mMetaMeter;
@@ -87,7 +80,11 @@ class Device {
     std::filesystem::create_directories(mDir.sub("data/vendor/kx"));
     kxhost::clearProperties();
     kxhost::setProperty("ro.vendor.perf.enable.vorak", "true");
-    setMemTotal(memTotalKB);
+    auto stats = std::make_shared<kxtest::FakeStats>();
+    SysStats s{};
+    s.totalKB = memTotalKB;
+    stats->setSys(s);
+    kxhost::setStatsSource(stats);
     for (const char* memClass : {"2GB", "4GB", "6GB"}) writeModel(memClass, modelBytes());
   }
   ~Device() {
@@ -96,13 +93,6 @@ class Device {
     kxhost::setFsRoot("");
   }
 
-  void setMemTotal(uint64_t kb) {
-    auto stats = std::make_shared<kxtest::FakeStats>();
-    SysStats s{};
-    s.totalKB = kb;
-    stats->setSys(s);
-    kxhost::setStatsSource(stats);
-  }
   void writeModel(const std::string& memClass, const std::string& bytes) { mDir.write(modelPath(memClass), bytes); }
   void removeModels() { std::filesystem::remove_all(mDir.sub("vendor")); }
   const kxtest::TempDir& dir() const { return mDir; }
