@@ -97,6 +97,8 @@ TEST(ProcParsers, RefusalsQuoteTheFileOnOneLine) {
   kxhost::MemInfo mem;
   EXPECT_FALSE(kxhost::parseMeminfo("Buffers: 12\x7f\xff kB\n", &mem, &error));
   EXPECT_EQ(error, "line 1: value of Buffers is not a number: '12\\x7f\\xff'");
+  EXPECT_FALSE(kxhost::parseMeminfo("MemTotal: 1 kB\n: 2 kB\n", &mem, &error));
+  EXPECT_EQ(error, "line 2: expected 'Key: value [kB]', got ': 2 kB'");
 }
 
 }  // namespace

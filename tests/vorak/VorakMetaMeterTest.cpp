@@ -13,6 +13,7 @@
 #include "VorakMetaMeter.h"
 #include "kxhost/LogCapture.h"
 #include "support/DeviceRoot.h"
+#include "support/FailingAllocation.h"
 #include "support/FakeStats.h"
 #include "support/PutRows.h"
 #include "support/Sleepers.h"
@@ -239,7 +240,8 @@ TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListLessTheNamesItRefuses) {
   EXPECT_EQ(std::string(slots[0]), longName.substr(0, 255));
 }
 
-// The feature never builds a meter without its tables; should one be, it refuses.
+// The feature never builds a meter without its tables; should one be, it
+// refuses. Without memory for a row, nothing is stored and the line says so.
 TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
   kxhost::LogCapture log;
   VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
@@ -247,6 +249,15 @@ TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
   EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
   EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
   EXPECT_EQ(log.count("Input database does not exist"), 1u);
+  {
+    kxtest::NothrowFailure noRows;
+    EXPECT_FALSE(mMeter->writeToInputDb(app, 1, 1));
+    EXPECT_FALSE(mMeter->writeToAppServiceInputDb(app, {"svc.a"}));
+  }
+  EXPECT_EQ(log.count("Could not allocate mVorakDb row"), 1u);
+  EXPECT_EQ(log.count("Could not allocate AppServiceInput DB row"), 1u);
+  EXPECT_TRUE(samplesOf(app).empty());
+  EXPECT_TRUE(storedServices(app).empty());
 }
 
 TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
