@@ -15,7 +15,6 @@ class FakeStats : public kxhost::StatsSource {
  public:
   SysStats sysStats() override {
     std::lock_guard<std::mutex> lock(mMutex);
-    ++mSysCalls;
     return mSys;
   }
   PIDStats pidStats(int pid) override {
@@ -70,16 +69,11 @@ class FakeStats : public kxhost::StatsSource {
     std::lock_guard<std::mutex> lock(mMutex);
     mProcs.clear();
   }
-  int sysCalls() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mSysCalls;
-  }
 
  private:
   std::mutex mMutex;
   SysStats mSys{};
   std::vector<PIDStats> mProcs;
-  int mSysCalls = 0;
 };
 
 }  // namespace kxtest

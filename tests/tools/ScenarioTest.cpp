@@ -97,24 +97,4 @@ TEST(ScenarioTest, RejectsMistakesNamingWhereTheyAre) {
   for (const auto& [text, message] : cases) EXPECT_THAT(errorOf(text), HasSubstr(message)) << text;
 }
 
-// Up to the last time a scenario may hold, a scenario written out (whole
-// seconds as "HH:MM:SS") loads back to the same; an open needs 2 s more
-// (the refusals beyond it are with the other mistakes).
-TEST(ScenarioTest, LateTimesLoadBackAsWritten) {
-  for (const char* events : {R"([{"at": 3600000, "type": "learn"}])", R"([{"at": "2777:46:39", "type": "learn"}])",
-                             R"([{"at": 9999997.5, "type": "open", "app": "com.a"}])"}) {
-    const auto sc = parseScenario(withEvents(events));
-    EXPECT_EQ(parseScenario(sc.toJson().dump()).toJson(), sc.toJson()) << events;
-  }
-}
-
-TEST(ScenarioTest, TheBuiltInDayIsAFourGigabyteDayOfTwentyApps) {
-  const auto sc = vsim::defaultScenario();
-  EXPECT_EQ(sc.device.memClass(), "4GB");
-  EXPECT_EQ(sc.apps.size(), 20u);
-  // The built-in day survives being written out as a scenario file and read
-  // back, every event naming a known app or service.
-  EXPECT_EQ(parseScenario(sc.toJson().dump()).toJson(), sc.toJson());
-}
-
 }  // namespace

@@ -10,7 +10,6 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AndroidLog.h"
@@ -21,7 +20,6 @@
 #include "Properties.h"
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
-#include "VorakMetaMeter.h"
 #include "WallClock.h"
 #include "kxhost/LogCapture.h"
 #include "support/FailingAllocation.h"
@@ -129,34 +127,6 @@ TEST_F(VorakAlgoTest, LearnsTheTruncatedMeanOfEveryDueNameAndForgetsItsSamples) 
   EXPECT_EQ(samples("svc.d"), 3);
   EXPECT_EQ(mState.readState("svc.d"), APP_STATE_RELEARN_DUE);
   EXPECT_EQ(mState.readState("com.a"), APP_STATE_LEARNING_DUE) << "the host marks it learnt";
-}
-
-// Samples keep arriving while the name is learnt again and again: each mean
-// is taken over exactly the samples counted, all of the one true figure.
-TEST_F(VorakAlgoTest, LearntMeansStayTrueWhileSamplesArrive) {
-  FeatureInfo info;
-  info.samplesThreshold = 1 << 30;
-  VorakMetaMeter meter(info, &mMeterDb, mState, &mServiceInDb, &mFeature->samplesMutex());
-  std::string name = "com.a";
-  std::atomic<bool> written{false};
-  // Started here, joined below once it has written its samples.
-  std::thread writer([&] {
-    std::string app = name;
-    for (int i = 0; i < 2000; ++i) meter.writeToInputDb(app, 7, 700);
-    written = true;
-  });
-  int learnings = 0, wrong = 0;
-  while (!written.load()) {
-    due(name);
-    mAlgo->learnPerApp(name);
-    auto rows = learnt(name);
-    if (rows.empty()) continue;
-    ++learnings;
-    wrong += rows[0].first != Learnt(7, 700);
-  }
-  writer.join();
-  EXPECT_GT(learnings, 0);
-  EXPECT_EQ(wrong, 0) << "of " << learnings;
 }
 
 // A learnt row that the store could not commit is no result: the samples
