@@ -30,11 +30,14 @@ SysStats ordinaryStats() {
                   0, 0, 0, 0, 0, 0, 0, 0, 0, 0};            // movable, highMem
 }
 
-// Pause hook: records how many kills were reported when the pause came.
+// Pause hook: records how many kills were reported when the pause came,
+// and for how long (µs).
 kxhost::LogCapture* gCapture = nullptr;
 std::vector<size_t> gKillsAtPause;
-int recordPause(useconds_t) {
+useconds_t gPauseUs = 0;
+int recordPause(useconds_t us) {
   gKillsAtPause.push_back(gCapture != nullptr ? gCapture->count("Killed") : 0);
+  gPauseUs = us;
   return 0;
 }
 
@@ -294,6 +297,7 @@ TEST_F(VorakActionTest, VorakPausesBeforeEveryFifthKill) {
   EXPECT_FLOAT_EQ(a.vorak(50000), 50000);
   EXPECT_EQ(killOrder(mLog).size(), 5u);
   EXPECT_EQ(gKillsAtPause, std::vector<size_t>{4});
+  EXPECT_EQ(gPauseUs, 10000u);
   EXPECT_EQ(std::count_if(pids.begin(), pids.end(), [this](pid_t pid) { return killed(pid); }), 5);
 }
 
