@@ -27,6 +27,7 @@ class VorakFeatureTestPeer {
   static VorakFeature::UserDb* startProcDb(VorakFeature& f) { return f.mStartProcDb; }
   static VorakFeature::UserDb* favPidDb(VorakFeature& f) { return f.mFavPidDb; }
   static KxDatabase<_vorak_Meter_Data>* meterDb(VorakFeature& f) { return f.mVorakDb; }
+  static KxDatabase<_vorak_Favorite_Time_Slot_Data>* favTimeSlotDb(VorakFeature& f) { return f.mFavTimeSlotDb; }
   static KxDatabase<_vorak_App_Service_In>* serviceInDb(VorakFeature& f) { return f.mServiceInDb; }
   static KxDatabase<_vorak_App_Service_Out>* serviceOutDb(VorakFeature& f) { return f.mServiceOutDb; }
   static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
