@@ -161,7 +161,7 @@ TEST_F(KxDatabaseFaultTest, DeletionThatCannotCommitLeavesRowsStoredAndWithTheCa
 // Out of memory, the rows that could be had are handed over, and the
 // shortfall is reported.
 TEST_F(KxDatabaseFaultTest, RefusedAllocationsGiveTheRowsThatCouldBeHad) {
-  cache({"a", "b"});
+  cache({"a", "b", "c"});  // the read stops at the first refusal
   ASSERT_EQ(mDb.writeCachedDRToDisk(), KXDB_SUCCESS);
   KxDBDataRowKey any;
   MeterDb::vecT allocated, read;
