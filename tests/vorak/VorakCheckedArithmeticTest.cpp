@@ -169,6 +169,7 @@ TEST(VorakCheckedMult, Products) {
       {"positive by negative reaches min exactly", 2.0f, -1073741824.0f, -2147483648.0f, -2147483648.0f},
       {"negative by positive reaches min exactly", -1073741824.0f, 2.0f, -2147483648.0f, -2147483648.0f},
       {"negative by a fraction past min", -5e9f, 0.5f, -1.0f, 0.0f},
+      {"zero by negative", 0.0f, -2.0f, 0.0f, 0.0f},
       {"marker as second argument", 2.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", -0.5f, 2.0f, -1.0f, 0.0f},
   };
