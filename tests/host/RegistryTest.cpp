@@ -3,27 +3,9 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-
 #include "Feature.h"
 #include "kxhost/LogCapture.h"
-
-namespace {
-
-std::atomic<bool> gFailNextNothrowNew{false};
-
-}  // namespace
-
-// Replaces the process's nothrow allocation so the registry's map allocation
-// can be made to fail; everything else allocates as usual.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  if (gFailNextNothrowNew.exchange(false)) return nullptr;
-  try {
-    return ::operator new(size);
-  } catch (...) {
-    return nullptr;
-  }
-}
+#include "support/FailingAllocation.h"
 
 namespace {
 
@@ -53,9 +35,8 @@ TEST(Registry, MapAllocationFailureLogsAndRegistersNothing) {
     Reg::classList = nullptr;
   }
   kxhost::LogCapture log;
-  gFailNextNothrowNew = true;
+  kxtest::NothrowFailure mapRefused(1, 1);
   Registry<Feature, FeatureInfo, OtherFeature> registration("Vorak");
-  gFailNextNothrowNew = false;
 
   EXPECT_TRUE(Reg::names().empty());
   EXPECT_EQ(Reg::lookup("Vorak"), nullptr);
