@@ -380,7 +380,6 @@ void KxDatabase<T>::build_query_for_where_clause(KxDBDataRowKey& key, std::strin
   const bool byInt = key.intcol1 != KXDB_INTCOL_UNSET;
   if (!byApp && !byRsvd && !byInt) return;
   try {
-    query.reserve(query.size() + 48 + key.appName.size() + key.rsvdName.size());
     query += "WHERE (";
     const char* sep = "";
     auto next = [&] {
@@ -416,7 +415,6 @@ void KxDatabase<T>::fillRow(Row* row, sqlite3_stmt* stmt) {
 template <typename T>
 std::string KxDatabase<T>::keyedStatement(const char* head, KxDBDataRowKey& key) {
   std::string sql;
-  sql.reserve(std::strlen(head) + this->mTableName.size() + 64 + key.appName.size() + key.rsvdName.size());
   sql += head;
   sql += this->mTableName;
   sql += ' ';
@@ -651,12 +649,12 @@ typename KxDatabase<T>::RowOutcome KxDatabase<T>::writeRow(Operation& op, Row* r
   // delete another row.
   if (rc == SQLITE_OK && stmt == update) rc = sqlite3_bind_int64(stmt, 5, row->rowid);
   if (rc == SQLITE_OK) {
+    // The step's own code is the row's outcome; the reset only readies the
+    // statement for the next row (a failed one repeats the step's error).
     rc = sqlite3_step(stmt);
-    // After a failed step the reset repeats the step's error.
-    const int rcReset = sqlite3_reset(stmt);
-    if (rc == SQLITE_DONE) rc = rcReset;
+    sqlite3_reset(stmt);
   }
-  if (rc == SQLITE_OK || rc == SQLITE_DONE) return RowOutcome::kWritten;
+  if (rc == SQLITE_DONE) return RowOutcome::kWritten;
   op.sqlCode(rc);
   return kxdb::isRowFault(rc) ? RowOutcome::kDropped : RowOutcome::kStoreFault;
 }
@@ -776,9 +774,8 @@ int KxDatabase<T>::deleteDeallocateDR(vecT& rows) {
       // 64 bits wide, as in the write-back.
       int rc = sqlite3_bind_int64(stmt.get(), 1, row->rowid);
       if (rc == SQLITE_OK) rc = sqlite3_step(stmt.get());
-      const int rcReset = sqlite3_reset(stmt.get());
-      if (rc == SQLITE_DONE) rc = rcReset;
-      if (rc != SQLITE_OK && rc != SQLITE_DONE) {
+      sqlite3_reset(stmt.get());
+      if (rc != SQLITE_DONE) {
         op.sqlCode(rc);
         break;
       }

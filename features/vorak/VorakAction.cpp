@@ -74,13 +74,11 @@ int pidfdSendSignal(int fd, int sig) {
   return static_cast<int>(syscall(SYS_pidfd_send_signal, fd, sig, nullptr, 0));
 }
 
-// Owns a pidfd; a negative one holds nothing.
+// Owns a pidfd, or -1 when there is none (closing -1 is a harmless EBADF).
 class PidFd {
  public:
   explicit PidFd(int fd) : mFd(fd) {}
-  ~PidFd() {
-    if (mFd >= 0) close(mFd);
-  }
+  ~PidFd() { close(mFd); }
   PidFd(const PidFd&) = delete;
   PidFd& operator=(const PidFd&) = delete;
   int get() const { return mFd; }
@@ -91,8 +89,8 @@ class PidFd {
 
 struct KillResult {
   enum Outcome { kKilled, kGone, kReplaced, kFailed } outcome;
-  int error = 0;           // errno, for kFailed
-  uint64_t startTime = 0;  // the pid's process now, for kReplaced
+  int error{};           // errno, for kFailed
+  uint64_t startTime{};  // the pid's process now, for kReplaced
 };
 
 // SIGKILL to `pid` only while it is the process that was listed: once that
@@ -103,13 +101,13 @@ struct KillResult {
 KillResult killIfListed(int pid, uint64_t listedStart) {
   const VorakAction::PidfdOpenFn open = sPidfdOpen.load();
   const PidFd fd(open != nullptr ? open(pid, 0) : sysPidfdOpen(pid, 0));
-  if (fd.get() < 0 && errno != ENOSYS) {
+  if (fd.get() == -1 && errno != ENOSYS) {
     return errno == ESRCH ? KillResult{KillResult::kGone} : KillResult{KillResult::kFailed, errno};
   }
   const std::optional<uint64_t> now = StatsProvider::getPIDStartTime(pid);
   if (!now) return {KillResult::kGone};
   if (*now != listedStart) return {KillResult::kReplaced, 0, *now};
-  const int rc = fd.get() >= 0 ? pidfdSendSignal(fd.get(), SIGKILL) : kill(pid, SIGKILL);
+  const int rc = fd.get() != -1 ? pidfdSendSignal(fd.get(), SIGKILL) : kill(pid, SIGKILL);
   return rc == 0 ? KillResult{KillResult::kKilled} : KillResult{KillResult::kFailed, errno};
 }
 

@@ -43,8 +43,6 @@ VorakMetaMeter::~VorakMetaMeter() {
   stopMetering();
 }
 
-int VorakMetaMeter::readFromDataBase(std::string& key) { return 0; }
-
 bool VorakMetaMeter::validateAndSetMeters(std::vector<Meter*>& meters) {
   Meter* meter = meters.empty() ? nullptr : meters.front();
   if (meter == nullptr) {
@@ -61,8 +59,7 @@ bool VorakMetaMeter::validateAndSetMeters(std::vector<Meter*>& meters) {
   // the sampled trigger's own app is kept to check that they agree.
   std::vector<AsyncTriggerPayload> triggers;
   meter->getTriggerPayloads(triggers);
-  mSampledApp.reset();
-  if (!triggers.empty()) mSampledApp = triggers.front().appName;
+  mSampledApp = triggers.empty() ? std::nullopt : std::optional<std::string>(triggers.front().appName);
   if (!triggers.empty() && triggers.front().hintID == kLaunchHint) mLaunchPayload = triggers.front();
   return true;
 }

@@ -35,8 +35,7 @@ class VorakMetaMeter : public MetaMeter {
 
   // Records one launch sample; false when the meters were rejected.
   bool writeToDataBase(std::vector<Meter*> meters) override;
-  // Nothing is read back through the framework.
-  int readFromDataBase(std::string& key) override;
+  // Nothing is read back through the framework: the base's readFromDataBase serves.
 
   // Accepts the call when its first meter is "Memory"; keeps that meter's
   // fields and, when it carries one, its launch record.

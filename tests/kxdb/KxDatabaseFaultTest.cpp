@@ -113,7 +113,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 // While the disk stays full, the cache keeps the newest rows up to its bound.
 TEST_F(KxDatabaseFaultTest, CacheDropsOldestRowsPastItsBoundWhileTheDiskIsFull) {
-  const size_t bound = MeterDb::kMaxCachedRows;
+  const size_t bound = MeterDb::kMaxCachedRows, megabyte = size_t{1} << 20;
+  EXPECT_TRUE(bound * sizeof(MeterRow) <= megabyte && (bound + 1) * sizeof(MeterRow) > megabyte);
   cache(numbered("r", bound));
   mStore.exec("PRAGMA max_page_count=1");
   EXPECT_EQ(mDb.KxDatabaseWriteCachedToDisk(), KXDB_FAILURE);
@@ -153,6 +154,11 @@ TEST_F(KxDatabaseFaultTest, DeletionThatCannotCommitLeavesRowsStoredAndWithTheCa
   EXPECT_EQ(rows.size(), 2u);
   EXPECT_NE(std::string(kxdb::lastError()).find("deleteDeallocateDR: "), std::string::npos);
   mOther.exec("COMMIT");
+  // A row refused after others went is the same: the whole deletion is undone.
+  mOther.exec("CREATE TRIGGER keep BEFORE DELETE ON Vorak WHEN old.appName = 'b' BEGIN SELECT RAISE(ABORT, 'kept'); END");
+  EXPECT_EQ(mDb.deleteDeallocateDR(rows), 0);
+  EXPECT_STREQ(kxdb::lastError(), "deleteDeallocateDR: constraint failed (19)");
+  mOther.exec("DROP TRIGGER keep");
   EXPECT_EQ(count(), 2);
   EXPECT_EQ(mDb.deleteDeallocateDR(rows), 2);
   EXPECT_EQ(count(), 0);

@@ -70,9 +70,11 @@ TEST(KxDatabaseClosed, OperationsOnAStoreNotOpenDoNothingAndKeepTheCache) {
     EXPECT_EQ(db.deleteAllDR(key), 0);
     EXPECT_TRUE(db.getTxtColUniqList(KXDB_TXTCOL_APPNAME, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE).empty());
     EXPECT_EQ(db.closeKxdb(), KXDB_SUCCESS);
+    for (size_t i = 0; i < MeterDb::kMaxCachedRows; ++i) putSample(db, "y", 0, 0);  // held to its bound
   }
   // The cache survived every write-back and is reported when the store goes.
-  EXPECT_EQ(log.count("ERROR:Dbt=Vorak blstSz=0, clstSz=2\n", ANDROID_LOG_ERROR), 1u);
+  EXPECT_EQ(log.count("cache full while writes fail: dropped 1 oldest rows, 1 in all\n"), 1u);
+  EXPECT_EQ(log.count("clstSz=" + std::to_string(MeterDb::kMaxCachedRows) + "\n", ANDROID_LOG_ERROR), 1u);
 }
 
 TEST(KxDatabaseConcurrency, TwoThreadsCachingAndWritingBackWriteEveryRowOnce) {

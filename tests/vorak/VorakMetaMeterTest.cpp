@@ -120,12 +120,16 @@ TEST_F(VorakMetaMeterTest, AcceptsOnlyAFirstMeterNamedMemory) {
 
 TEST_F(VorakMetaMeterTest, FieldListIsExactlyTheTwoMemoryFieldsInAnyOrder) {
   kxhost::LogCapture log;
-  Field ion("ion_kgsl"), rss("rss_swap"), rss2("rss_swap"), pss("pss");
-  const std::pair<std::vector<Field*>, bool> cases[] = {{{&rss, &ion}, true},       {{&ion}, false},
-                                                        {{}, false},                {{&ion, &rss, &rss2}, false},
-                                                        {{&ion, &pss}, false},      {{&ion, nullptr}, false}};
+  Field ion("ion_kgsl"), ion2("ion_kgsl"), rss("rss_swap"), rss2("rss_swap"), pss("pss");
+  const std::pair<std::vector<Field*>, bool> cases[] = {
+      {{&rss, &ion}, true},         {{&ion}, false},         {{}, false},          {{&ion, &rss, &rss2}, false},
+      {{&ion, &pss}, false},        {{&ion, nullptr}, false}, {{&rss, &rss2}, false}, {{&ion, &ion2}, false}};
   for (auto [fields, valid] : cases) EXPECT_EQ(mMeter->isValidFieldList(fields), valid) << fields.size();
-  EXPECT_EQ(log.count("Found an unknown Field type : pss "), 1u);
+  auto extra = memoryMeter("com.a", 1, {1}, {1});
+  extra->addField(new Field("pss"));
+  EXPECT_FALSE(record(extra));
+  EXPECT_TRUE(samplesOf("com.a").empty());
+  EXPECT_EQ(log.count("Found an unknown Field type : pss "), 2u);
   EXPECT_EQ(log.count("Found an unknown Field type :  "), 1u);
 }
 
@@ -246,6 +250,8 @@ TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
   kxhost::LogCapture log;
   VorakMetaMeter bare(mInfo, nullptr, mState, nullptr);
   std::string app = "com.a";
+  EXPECT_FALSE(bare.writeToDataBase({memoryMeter(app, 1, {1}, {1}).get()}));
+  EXPECT_EQ(log.count("writeToDataBase() end. Failed @ DBhandle mVorakDb"), 1u);
   EXPECT_FALSE(bare.writeToInputDb(app, 1, 1));
   EXPECT_FALSE(bare.writeToAppServiceInputDb(app, {"svc.a"}));
   EXPECT_EQ(log.count("Input database does not exist"), 1u);
