@@ -23,14 +23,13 @@
 #include "Vorak.pb.h"
 #include "VorakAppName.h"
 #include "VorakFeature.h"
+#include "VorakModelFile.h"
 #include "VorakModelInputs.h"
 #include "WallClock.h"
 #include "kxdb/KxFailFast.h"
 #include "kxdb/KxLog.h"
 
 namespace {
-
-constexpr const char* kModelPrefix = "/vendor/etc/kx/vorak/vorak_";
 
 // At most one kill pass between two preparation hints, whichever action
 // object handles them: set when a launch is acted on, cleared by the next
@@ -48,20 +47,6 @@ constexpr int kBackgroundMaxAdj = 1000;
 // memory of a burst before the next one.
 constexpr int kKillsPerBurst = 4;
 constexpr useconds_t kBurstPauseUs = 10000;
-
-// Model file of the device's memory class; the prefix alone when total
-// memory fits no class, which then fails to open.
-std::string modelFileName(uint64_t totalKB) {
-  std::string name = kModelPrefix;
-  if (totalKB > 1048576 && totalKB <= 2097152) {
-    name += "2GB.data";
-  } else if (totalKB > 2097152 && totalKB <= 4194304) {
-    name += "4GB.data";
-  } else if (totalKB > 4194304 && totalKB <= 8388608) {
-    name += "6GB.data";
-  }
-  return name;
-}
 
 // A NUL-terminated text in a fixed-size field, bounded by the field.
 std::string fieldText(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
@@ -210,7 +195,9 @@ VorakAction::~VorakAction() {
 
 void VorakAction::loadModel() {
   GOOGLE_PROTOBUF_VERIFY_VERSION;
-  const std::string fileName = modelFileName(StatsProvider::getSysStats().totalKB);
+  // The prefix alone, when total memory fits no class, fails to open.
+  const std::string fileName =
+      std::string(vorak::kModelPrefix) + vorak::modelSuffixFor(StatsProvider::getSysStats().totalKB);
   std::ifstream in(kxhost::devicePath(fileName), std::ios::in | std::ios::binary);
   if (!in.is_open()) {
     KXLOGE("VorakAction", "Fatal! %s: File not found. Error = %s", fileName.c_str(), strerror(errno));

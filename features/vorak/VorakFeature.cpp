@@ -19,6 +19,7 @@
 #include "VorakLog.h"
 #include "VorakLoggedName.h"
 #include "VorakMetaMeter.h"
+#include "VorakModelFile.h"
 #include "VorakRowGuard.h"
 #include "kxdb/KxLastError.h"
 #include "kxdb/KxLog.h"
@@ -48,15 +49,11 @@ constexpr char kTableName[] = "Vorak";
 
 constexpr uint64_t kMinMemTotalKB = 1048576;  // 1 GiB
 constexpr uint64_t kMaxMemTotalKB = 8388608;  // 8 GiB
-constexpr const char* kModelPrefix = "/vendor/etc/kx/vorak/vorak_";
-
 // Device file of the model for a memory class; empty when none matches
 // (exactly 1 GiB passes the range gate but has no model of its own).
 std::string modelFileFor(uint64_t memTotalKB) {
-  if (memTotalKB > 1048576 && memTotalKB <= 2097152) return std::string(kModelPrefix) + "2GB.data";
-  if (memTotalKB > 2097152 && memTotalKB <= 4194304) return std::string(kModelPrefix) + "4GB.data";
-  if (memTotalKB > 4194304 && memTotalKB <= 8388608) return std::string(kModelPrefix) + "6GB.data";
-  return "";
+  const char* suffix = vorak::modelSuffixFor(memTotalKB);
+  return *suffix == '\0' ? std::string() : std::string(vorak::kModelPrefix) + suffix;
 }
 
 // strerror() may share a buffer between threads, and features are created
