@@ -171,7 +171,7 @@ void VorakMetaMeter::recordServices(std::string& app) {
     KxDBDataRowKey key(app, KXDB_INTCOL_UNSET);
     VorakRowGuard<_vorak_App_Service_In> stored(
         mAppServiceInDb, mAppServiceInDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
-    if (stored.rows().empty() || stored.rows().front() == nullptr) return;
+    if (stored.rows().empty()) return;
     const auto& slots = stored.rows().front()->blob.serviceNames;
     for (size_t i = 0; i < kServiceSlots; ++i) {
       slotNames[i] = hidl_string(std::string(slots[i], strnlen(slots[i], kServiceSlotSize)));

@@ -80,7 +80,7 @@ std::string_view trim(std::string_view s) {
 // The whole word must be the number; `out` is left alone otherwise.
 template <typename Int>
 bool parseNumber(std::string_view word, Int* out) {
-  Int value = 0;
+  Int value{};
   auto [end, ec] = std::from_chars(word.data(), word.data() + word.size(), value);
   if (ec != std::errc() || end != word.data() + word.size()) return false;
   *out = value;
@@ -191,7 +191,7 @@ class ZoneinfoReader {
            uint64_t* counter) {
     if (!mSeenHeader) return mErrors->note(lineNo, "counter before any zone header: " + quoted(line));
     if (counter == nullptr) return;
-    uint64_t value = 0;
+    uint64_t value{};
     if (words.size() != index + 1 || !parseNumber(words[index], &value)) {
       return mErrors->note(lineNo, "expected a page count, got " + quoted(line));
     }
@@ -224,7 +224,7 @@ bool parseMeminfo(const std::string& text, MemInfo* out, std::string* error) {
   forEachLine(text, [&](int lineNo, std::string_view line) {
     if (trim(line).empty()) return;
     std::string_view key;
-    uint64_t value = 0;
+    uint64_t value{};
     std::string what;
     if (parseKeyValue(line, &key, &value, &what)) {
       // A key given twice counts as its last value.
@@ -249,8 +249,8 @@ bool parseZoneinfo(const std::string& text, ZoneInfo* out, std::string* error) {
 bool parseZramMmStat(const std::string& text, ZramStat* out, std::string* error) {
   FirstError errors(error);
   const Words words(trim(text));
-  uint64_t orig = 0;
-  uint64_t used = 0;
+  uint64_t orig{};
+  uint64_t used{};
   if (words.size() < 3) {
     errors.note(1, "expected at least 3 columns, got " + quoted(trim(text)));
   } else if (!parseNumber(words[0], &orig) || !parseNumber(words[2], &used)) {
