@@ -247,7 +247,7 @@ bool VorakMetaMeter::writeToInputDb(std::string& name, long ionKgsl, long rssSwa
 }
 
 bool VorakMetaMeter::writeToAppServiceInputDb(std::string& app, std::vector<std::string> services) {
-  if (services.size() > kServiceSlots) services.resize(kServiceSlots);
+  // Names past the slots' number are dropped by convertToCharArray.
   if (mAppServiceInDb == nullptr) {
     KXLOGE(kTag, "Input database does not exist");
     return false;

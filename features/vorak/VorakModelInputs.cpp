@@ -21,10 +21,9 @@ constexpr size_t input(std::string_view name) {
   }())
 
 // A float figure as a whole number, truncated toward zero. Out-of-range
-// values saturate and NaN gives 0, as the target's conversion does, instead
-// of being undefined.
+// values saturate, as the target's conversion does, instead of being
+// undefined. The figures are differences of finite numbers, never NaN.
 int toInt(float v) {
-  if (v != v) return 0;
   if (v <= -2147483648.0f) return std::numeric_limits<int>::min();
   if (v >= 2147483648.0f) return std::numeric_limits<int>::max();
   return static_cast<int>(v);

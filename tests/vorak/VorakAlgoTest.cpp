@@ -145,8 +145,10 @@ TEST_F(VorakAlgoTest, SamplesGoOnlyOnceTheirLearntRowIsCommitted) {
   due(name);
   {
     kxtest::FailingWrites failing("Vorakaction.db");
+    kxhost::LogCapture log;
     EXPECT_FALSE(algo.learnPerApp(name)) << "the row's write-back fails";
     EXPECT_FALSE(algo.learnPerApp(name)) << "the row still waiting cannot be written";
+    EXPECT_EQ(log.count("could not store the learnt row of com.a: writeCachedDRToDisk: "), 2u);
   }
   EXPECT_EQ(samples(name), 2);
   EXPECT_EQ(mState.readState(name), APP_STATE_LEARNING_DUE);

@@ -209,6 +209,10 @@ TEST_F(VorakMetaMeterTest, PairsServiceNamesWithLivePidsByPositionSkippingTheLau
   EXPECT_EQ(first.size() + second.size(), 1u) << "the launch pid is never sampled";
   EXPECT_EQ(first.empty() ? second : first, (std::vector<Sample>{{20, 2000}}));
   EXPECT_TRUE(samplesOf("svc.2").empty() && samplesOf("svc.3").empty());
+  // The app now names one service, the stored list still both live ones.
+  kxhost::ServiceRegistry::instance().setAppServices("com.a", {"svc.0"});
+  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+  EXPECT_EQ(samplesOf("svc.0").size() + samplesOf("svc.1").size(), 2u);
 }
 
 TEST_F(VorakMetaMeterTest, StoresTwelveOfFifteenServicesAndSamplesAsManyNames) {
@@ -230,8 +234,10 @@ TEST_F(VorakMetaMeterTest, KeepsTheFirstServiceListLessTheNamesItRefuses) {
   const std::string longName(300, 'x');
   setServices("com.a", {"svc.a", longName, "svc/c", "svc.d"}, {});
   EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
-  setServices("com.a", {"svc.z"}, {});
-  EXPECT_TRUE(record(memoryMeter("com.a", 1, {1}, {1})));
+  std::string app = "com.a", fresh = "com.b";
+  EXPECT_TRUE(mMeter->writeToAppServiceInputDb(app, {"svc.z"}));
+  EXPECT_TRUE(mMeter->writeToAppServiceInputDb(fresh, {"svc.z"}));
+  EXPECT_EQ(storedServices(fresh).at(0)[0], "svc.z");
 
   std::vector<std::string> expected{"svc.a", "svc.d"};
   expected.resize(12);
