@@ -550,7 +550,7 @@ std::vector<std::string> KxDatabase<T>::getTxtColUniqList(kxdbTxtCol col, kxdbOr
     if (rc != SQLITE_OK) op.sqlCode(rc);
   }
   if (count == 0) return values;
-  if (count < 0 || count > static_cast<long>(kMaxDistinctValues)) {
+  if (count > static_cast<long>(kMaxDistinctValues)) {
     KXLOGW("KXDB", "Dbt=%s Restrict Cnt to %zu\n", table(), kMaxDistinctValues);
     count = kMaxDistinctValues;
   }
@@ -559,7 +559,6 @@ std::vector<std::string> KxDatabase<T>::getTxtColUniqList(kxdbTxtCol col, kxdbOr
     sql += std::string(" ORDER BY ") + kKxdbOrderByColText[orderCol] + " " + kKxdbOrderByDirText[dir];
   SqliteStatement stmt;
   if (!prepareLogged(op, stmt, sql)) return values;
-  values.reserve(static_cast<size_t>(count));
   for (uint16_t i = 0; i < count; ++i) {
     if (sqlite3_step(stmt.get()) != SQLITE_ROW) {
       const int rc = sqlite3_reset(stmt.get());
@@ -584,7 +583,6 @@ typename KxDatabase<T>::vecT KxDatabase<T>::getRow(unsigned long n) {
     KXLOGW("KXDB", "Dbt=%s Restrict reqCnt to %zu\n", table(), kMaxAllocRows);
     n = kMaxAllocRows;
   }
-  rows.reserve(n);
   for (unsigned long i = 0; i < n; ++i) {
     Row* row = new (std::nothrow) Row;
     if (row == nullptr) {

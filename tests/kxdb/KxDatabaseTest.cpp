@@ -11,6 +11,7 @@
 
 #include "FeatureState.h"
 #include "KxdbTestSupport.h"
+#include "kxdb/KxLastError.h"
 #include "kxhost/LogCapture.h"
 
 using namespace kxtest;
@@ -64,6 +65,7 @@ TEST(KxDatabaseClosed, OperationsOnAStoreNotOpenDoNothingAndKeepTheCache) {
     for (auto* r : rows) r->appName = "x", r->blob = {0, 0};
     EXPECT_EQ(db.cacheRow(rows), 2u);
     EXPECT_EQ(db.writeCachedDRToDisk(), KXDB_FAILURE);
+    EXPECT_STREQ(kxdb::lastError(), "writeCachedDRToDisk: database not open (21)");
     KxDBDataRowKey key;
     EXPECT_TRUE(db.readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE).empty());
     EXPECT_EQ(db.getCountDR(key), 0);
