@@ -91,7 +91,7 @@ KillResult killIfListed(int pid, uint64_t listedStart) {
   }
   const std::optional<uint64_t> now = StatsProvider::getPIDStartTime(pid);
   if (!now) return {KillResult::kGone};
-  if (*now != listedStart) return {KillResult::kReplaced, 0, *now};
+  if (*now != listedStart) return {KillResult::kReplaced, {}, *now};
   const int rc = fd.get() != -1 ? pidfdSendSignal(fd.get(), SIGKILL) : kill(pid, SIGKILL);
   return rc == 0 ? KillResult{KillResult::kKilled} : KillResult{KillResult::kFailed, errno};
 }

@@ -435,9 +435,10 @@ void VorakFeature::dbOperations() {
 // One queued trigger against the user tables; a failed step is reported
 // with the reason its operation recorded, and the next step still runs.
 // Caller holds mWorkMutex. Items that outlive the tables (the feature is
-// being destroyed) have nothing left to update and are dropped unreported.
+// being destroyed) have nothing left to update and are dropped unreported;
+// the worker runs only with every table, and they go together.
 void VorakFeature::applyToUserTables(AsyncTriggerPayload& t) {
-  if (mUserDb == nullptr && mStartProcDb == nullptr && mFavPidDb == nullptr) return;
+  if (mUserDb == nullptr) return;
   if (t.hintID == kHintPrepare) {
     if (updatePIDInDB(mUserDb, t.appName, t.pid, "User") < 0)
       VLOGE_IN(kWorker, "Couldnt Update PID in User DB. Err = %s", tTableError.c_str());
