@@ -425,6 +425,7 @@ TEST_F(VorakActionTest, TheLaunchingAppsOwnProcessesAreNeverVictims) {
         {"com.example.browser2", false},
         {"browser:remote", false}}},  // whole, so not the tail of the package
       {"com.cam", {{"com.cam:remote", true}, {"com.camera", false}, {"org.com.cam", false}}},
+      {"com.example.abc", {{"com.example.abc", true}}},  // as long as a kept name: it may be cut
   };
   VorakAction& a = action();
   for (const auto& c : cases) {
