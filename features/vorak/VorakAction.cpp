@@ -190,7 +190,7 @@ VorakAction::~VorakAction() {
   hub->deregisterPerfHint(this, kPreparationHint);
   delete mActionDb;
   mActionDb = nullptr;
-  clearAllMaps();
+  // The lists and sets go with the object.
 }
 
 void VorakAction::loadModel() {

@@ -333,6 +333,8 @@ TEST_F(VorakActionTest, FavouritesNeedOnePidRowAndTheSlotsFirstRow) {
   EXPECT_EQ(a.favoriteList().begin()->second, fav);
   EXPECT_EQ(a.backgroundList().size(), 2u);
   EXPECT_TRUE(a.userLaunchedList().empty());
+  a.clearAllMaps();
+  EXPECT_TRUE(a.favoriteList().empty() && a.backgroundList().empty());
   // A clock that localtime cannot read gives no slot, so no favourite.
   gNow = std::numeric_limits<time_t>::max();
   a.generateTaskList();
