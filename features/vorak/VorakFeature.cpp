@@ -138,7 +138,7 @@ int duplicated(const char* operation, const std::string& appName, const char* db
 
 VorakFeature::VorakFeature(FeatureInfo info)
     : Feature(info), mTriggerQ("VorakTriggerQ", kTriggerQueueFlood) {
-  float safeload = 0;
+  float safeload{};  // read only once the gates have set it
   if (!passesEnableGate() || !passesModelGates(safeload)) {
     mDisabled = true;
     return;
