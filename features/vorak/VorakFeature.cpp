@@ -116,11 +116,12 @@ int writeBack(VorakFeature::UserDb* db, UserRows& rows) {
   return db->KxDatabaseWriteCachedToDisk() == KXDB_SUCCESS ? 0 : storeFailure("write-back failed");
 }
 
-// Deletes the rows from the store: false unless the deletion went through.
+// Deletes the rows from the store: false unless the deletion went through,
+// which the store shows by taking the rows.
 bool deleteRows(VorakFeature::UserDb* db, UserRows& rows) {
   kxdb::clearLastError();
   db->deleteDeallocateDR(rows.rows());
-  if (*kxdb::lastError() == '\0' && rows.rows().empty()) return true;
+  if (rows.rows().empty()) return true;
   storeFailure("deletion failed");
   return false;
 }
