@@ -259,7 +259,6 @@ void VorakAction::applyAction(const AsyncTriggerPayload& payload) {
     if (users == 0 && slots == 0) FetchPreferredApps().populateFavoriteApps(mUserDb, mStartProcDb, mFavTimeSlotDb);
   }
 
-  mSurplus = 0;
   const std::string appName = payload.appName;
 
   const float amount = decideKill(appName);
