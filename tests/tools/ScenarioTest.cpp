@@ -15,22 +15,13 @@ using vsim::parseScenario;
 using vsim::ScenarioError;
 
 const char* const kMinimal = R"({
-  "name": "two apps",
-  "device": {"class": "2GB", "coldLaunchMs": 2500},
-  "samplesThreshold": 2,
+  "name": "two apps", "device": {"class": "2GB", "coldLaunchMs": 2500}, "samplesThreshold": 2,
   "services": [{"name": "svc.push", "rssSwapKB": 20000, "oomAdj": 500}],
-  "apps": [
-    {"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"], "warmLaunchMs": 120},
-    {"name": "com.b", "rssSwapKB": 90000}
-  ],
-  "events": [
-    {"at": "08:00", "type": "open", "app": "com.b"},
-    {"at": 100, "type": "service", "service": "svc.push"},
-    {"at": "08:00:30", "type": "complete", "app": "com.a", "hintType": 102},
-    {"at": "09:00", "type": "learn"}
-  ],
-  "expect": [{"launch": 1, "victims": []}]
-})";
+  "apps": [{"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"], "warmLaunchMs": 120},
+           {"name": "com.b", "rssSwapKB": 90000}],
+  "events": [{"at": "08:00", "type": "open", "app": "com.b"}, {"at": 100, "type": "service", "service": "svc.push"},
+             {"at": "08:00:30", "type": "complete", "app": "com.a", "hintType": 102}, {"at": "09:00", "type": "learn"}],
+  "expect": [{"launch": 1, "victims": []}]})";
 
 std::string errorOf(const std::string& text) {
   return kxtest::errorOf<ScenarioError>([&] { parseScenario(text); });
