@@ -6,15 +6,12 @@
 
 namespace {
 
-using vsim::LaunchCosts;
-using vsim::LaunchWork;
-
 TEST(LaunchCostTest, BaseTimePlusEachKindOfMemoryFoundAtItsPricePerMB) {
   // Every price distinct, so that a part priced at another's rate shows.
-  const LaunchCosts costs{1000, 200, 2, 3, 5, 7};
+  const vsim::LaunchCosts costs{1000, 200, 2, 3, 5, 7};
   struct Case {
     const char* what;
-    LaunchWork work;
+    vsim::LaunchWork work;
     double ms;
   };
   const Case cases[] = {

@@ -23,9 +23,7 @@ std::string launchLine(const std::string& when, const std::string& app, int ms) 
 vsim::ImportResult import(const std::string& log, std::optional<int> year = 2025,
                           const std::map<std::string, vsim::AppFigures>& figures = {}) {
   std::istringstream in(log);
-  vsim::ImportOptions o;
-  o.year = year;
-  return vsim::importLog(in, figures, o);
+  return vsim::importLog(in, figures, {4, year, ""});
 }
 
 std::vector<std::string> launchTimes(const vsim::Scenario& sc) {

@@ -1,6 +1,7 @@
 // Fitting a model on inputs whose truth is known, and what the fitted model
 // file holds.
 
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <random>
@@ -31,12 +32,8 @@ std::vector<vmodel::Example> examples(unsigned seed, size_t n) {
 
 VorakModel base() {
   VorakModel m;
-  m.set_safeload(0.2f);
-  m.set_bias(3);
-  auto& cached = (*m.mutable_features())["CachedKB"];
-  cached.set_min(0);
-  cached.set_max(1677722);
-  cached.set_weight(-0.8f);
+  EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(
+      R"(safeload: 0.2 bias: 3 features { key: "CachedKB" value { min: 0 max: 1677722 weight: -0.8 } })", &m));
   return m;
 }
 
