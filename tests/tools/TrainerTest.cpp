@@ -18,14 +18,12 @@ constexpr size_t kFreeKB = 0, kCachedKB = 1, kHowMuchToKill = kVorakFeatureNames
 std::vector<vmodel::Example> examples(unsigned seed, size_t n) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> freeKB(50000, 900000), amount(-400000, 600000);
-  std::vector<vmodel::Example> out;
-  for (size_t i = 0; i < n; ++i) {
-    vmodel::Example e;
+  std::vector<vmodel::Example> out(n);
+  for (vmodel::Example& e : out) {
     e.values[kCachedKB] = 700000;
     e.values[kFreeKB] = freeKB(rng);
     e.values[kHowMuchToKill] = amount(rng);
     e.needed = e.values[kHowMuchToKill] > 0.5f * e.values[kFreeKB];
-    out.push_back(e);
   }
   return out;
 }

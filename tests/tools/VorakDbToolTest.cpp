@@ -53,11 +53,6 @@ class VorakDbTool : public ::testing::Test {
     return std::string(reinterpret_cast<const char*>(v), sizeof v);
   }
   static std::string int32(int32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
-  static std::string services(const std::vector<std::string>& names) {
-    std::string s(12 * 256, '\0');
-    for (size_t i = 0; i < names.size(); ++i) s.replace(i * 256, names[i].size(), names[i]);
-    return s;
-  }
 
   kxtest::TempDir mDir;
 };
@@ -81,7 +76,9 @@ TEST_F(VorakDbTool, DecodesEveryRowTypeTakenFromTheFileName) {
 
   const auto needs =
       makeDb("Vorakaction.db", {{"com.maps", pair64(150000, 380000)}, {"com.huge", pair64(INT64_MAX, 1)}});
-  const auto svc = makeDb("VorakServiceOP.db", {{"com.cam", services({"svc.camera", "svc.codec"})}});
+  std::string services(12 * 256, '\0');  // twelve names of 256 bytes each
+  services.replace(0, 10, "svc.camera").replace(256, 9, "svc.codec");
+  const auto svc = makeDb("VorakServiceOP.db", {{"com.cam", services}});
   const auto states = makeDb("VorakAppState.db", {{"com.a", int32(2)}, {"com.b", int32(99)}});
   const auto unfit = makeDb("unfit/Vorak.db", {{"com.ok", pair64(1, 2)}, {"com.short", std::string(3, 'x')}});
   const struct {
