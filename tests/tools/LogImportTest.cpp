@@ -14,7 +14,6 @@
 namespace {
 
 using testing::HasSubstr;
-using vsim::EventType;
 
 std::string launchLine(const std::string& when, const std::string& app, int ms) {
   return when + "  1000  1543  1620 I wm_activity_launch_time: [0,77,"+ app + "/.Main," + std::to_string(ms) + "]\n";
@@ -29,7 +28,7 @@ vsim::ImportResult import(const std::string& log, std::optional<int> year = 2025
 std::vector<std::string> launchTimes(const vsim::Scenario& sc) {
   std::vector<std::string> out;
   for (const auto& e : sc.events)
-    if (e.type == EventType::Launch) out.push_back(vsim::dayTime(e.at) + " " + e.target);
+    if (e.type == vsim::EventType::Launch) out.push_back(vsim::dayTime(e.at) + " " + e.target);
   return out;
 }
 

@@ -1,5 +1,6 @@
 // The oracle's choice on small cases whose smallest set of victims is known.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Oracle.h"
@@ -8,11 +9,7 @@ namespace {
 
 using vsim::Candidate;
 
-std::vector<int> pids(const std::vector<Candidate>& victims) {
-  std::vector<int> out;
-  for (const auto& v : victims) out.push_back(v.pid);
-  return out;
-}
+MATCHER(HasPid, "") { return std::get<0>(arg).pid == std::get<1>(arg); }
 
 TEST(OracleTest, KillsTheFewestCandidatesThatCoverTheShortfall) {
   struct Case {
@@ -33,7 +30,8 @@ TEST(OracleTest, KillsTheFewestCandidatesThatCoverTheShortfall) {
       {"equal memory: the one listed first", {{7, 20000}, {5, 20000}}, 15000, {7}},
       {"no candidates", {}, 10000, {}},
   };
-  for (const Case& c : cases) EXPECT_EQ(pids(vsim::oracleVictims(c.candidates, c.shortfallKB)), c.victims) << c.what;
+  for (const Case& c : cases)
+    EXPECT_THAT(vsim::oracleVictims(c.candidates, c.shortfallKB), testing::Pointwise(HasPid(), c.victims)) << c.what;
 }
 
 }  // namespace

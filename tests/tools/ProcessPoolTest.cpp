@@ -26,8 +26,7 @@ MATCHER_P(HasPid, pid, "") { return arg.pid == pid; }
 
 TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
   ProcessPool pool;
-  const pid_t a = pool.spawn("com.example.a");
-  const pid_t b = pool.spawn("com.example.bb");
+  const pid_t a = pool.spawn("com.example.a"), b = pool.spawn("com.example.bb");
   EXPECT_TRUE(pool.owns(a));
   EXPECT_EQ(pool.nameOf(b), "com.example.bb");
   EXPECT_EQ(pool.liveCount(), 2u);
@@ -61,8 +60,7 @@ TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
 TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
   ProcessPool pool;
   vsim::SimDevice dev(*vsim::DeviceProfile::forClass(4), pool);
-  const pid_t app = pool.spawn("com.example.app");
-  const pid_t svc = pool.spawn("svc.audio");
+  const pid_t app = pool.spawn("com.example.app"), svc = pool.spawn("svc.audio");
   ASSERT_TRUE(dev.addProcess(app, "com.example.app", 300000, 40000, 90000, 900).has_value());
   ASSERT_TRUE(dev.addProcess(svc, "svc.audio", 30000, 5000, 0, 800).has_value());
 
