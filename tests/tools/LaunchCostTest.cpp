@@ -9,12 +9,11 @@ namespace {
 TEST(LaunchCostTest, BaseTimePlusEachKindOfMemoryFoundAtItsPricePerMB) {
   // Every price distinct, so that a part priced at another's rate shows.
   const vsim::LaunchCosts costs{1000, 200, 2, 3, 5, 7};
-  struct Case {
+  const struct {
     const char* what;
     vsim::LaunchWork work;
     double ms;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"cold, memory free", {true, std::nullopt, 0, 0, 0, 0}, 1000},
       {"warm, memory free", {false, std::nullopt, 0, 0, 0, 0}, 200},
       {"cold, 100 MB of cache dropped", {true, std::nullopt, 100 * 1024, 0, 0, 0}, 1000 + 100 * 2},
@@ -23,7 +22,7 @@ TEST(LaunchCostTest, BaseTimePlusEachKindOfMemoryFoundAtItsPricePerMB) {
       {"cold, 10 MB waited for from the low-memory killer", {true, std::nullopt, 0, 0, 0, 10 * 1024}, 1000 + 10 * 7},
       {"the app's own base time", {false, 333.0, 1024, 0, 0, 0}, 333 + 2},
   };
-  for (const Case& c : cases) EXPECT_DOUBLE_EQ(vsim::estimateLaunchMs(costs, c.work), c.ms) << c.what;
+  for (const auto& c : cases) EXPECT_DOUBLE_EQ(vsim::estimateLaunchMs(costs, c.work), c.ms) << c.what;
 }
 
 }  // namespace
