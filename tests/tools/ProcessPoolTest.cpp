@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <tuple>
 
 #include "ProcessPool.h"
@@ -18,9 +19,7 @@ namespace {
 using vsim::ProcessPool;
 
 // True once `pid` is no child of ours any more (reaped).
-bool reaped(pid_t pid) {
-  return waitpid(pid, nullptr, WNOHANG) == -1 && errno == ECHILD;
-}
+bool reaped(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 MATCHER_P(HasPid, pid, "") { return arg.pid == pid; }
 
@@ -71,7 +70,8 @@ TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
     EXPECT_EQ(dev.pidStats(other).pid, -1) << other;
   }
 
-  EXPECT_THAT(dev.pidStatsRange(-1000, 1000), testing::UnorderedElementsAre(HasPid(app), HasPid(svc)));
+  EXPECT_THAT(dev.pidStatsRange(-1000, 1000),  // in the order of their pids
+              testing::ElementsAre(HasPid(std::min(app, svc)), HasPid(std::max(app, svc))));
   EXPECT_THAT(dev.pidStatsRange(700, 850), testing::ElementsAre(HasPid(svc)));
 
   const PIDStats s = dev.pidStats(app);
