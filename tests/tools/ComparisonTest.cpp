@@ -28,8 +28,6 @@ vsim::Report run(const std::string& policy, double ms, bool aliveAtEnd) {
 
 TEST(ComparisonTest, OneColumnPerPolicyAndEachAgainstNoneSaidPlainly) {
   vsim::Comparison c;
-  c.scenarioName = "day";
-  c.deviceClass = "4GB";
   c.add(run("vorak", 1500, false));
   c.add(run("none", 1000, true));
   c.add(run("oracle", 800, true));

@@ -6,18 +6,14 @@
 
 namespace {
 
-using vsim::LaunchCosts;
-using vsim::LaunchWork;
-
 TEST(LaunchCostTest, BaseTimePlusEachKindOfMemoryFoundAtItsPricePerMB) {
   // Every price distinct, so that a part priced at another's rate shows.
-  const LaunchCosts costs{1000, 200, 2, 3, 5, 7};
-  struct Case {
+  const vsim::LaunchCosts costs{1000, 200, 2, 3, 5, 7};
+  const struct {
     const char* what;
-    LaunchWork work;
+    vsim::LaunchWork work;
     double ms;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"cold, memory free", {true, std::nullopt, 0, 0, 0, 0}, 1000},
       {"warm, memory free", {false, std::nullopt, 0, 0, 0, 0}, 200},
       {"cold, 100 MB of cache dropped", {true, std::nullopt, 100 * 1024, 0, 0, 0}, 1000 + 100 * 2},
@@ -26,7 +22,7 @@ TEST(LaunchCostTest, BaseTimePlusEachKindOfMemoryFoundAtItsPricePerMB) {
       {"cold, 10 MB waited for from the low-memory killer", {true, std::nullopt, 0, 0, 0, 10 * 1024}, 1000 + 10 * 7},
       {"the app's own base time", {false, 333.0, 1024, 0, 0, 0}, 333 + 2},
   };
-  for (const Case& c : cases) EXPECT_DOUBLE_EQ(vsim::estimateLaunchMs(costs, c.work), c.ms) << c.what;
+  for (const auto& c : cases) EXPECT_DOUBLE_EQ(vsim::estimateLaunchMs(costs, c.work), c.ms) << c.what;
 }
 
 }  // namespace

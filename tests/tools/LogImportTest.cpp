@@ -14,7 +14,6 @@
 namespace {
 
 using testing::HasSubstr;
-using vsim::EventType;
 
 std::string launchLine(const std::string& when, const std::string& app, int ms) {
   return when + "  1000  1543  1620 I wm_activity_launch_time: [0,77,"+ app + "/.Main," + std::to_string(ms) + "]\n";
@@ -23,15 +22,13 @@ std::string launchLine(const std::string& when, const std::string& app, int ms) 
 vsim::ImportResult import(const std::string& log, std::optional<int> year = 2025,
                           const std::map<std::string, vsim::AppFigures>& figures = {}) {
   std::istringstream in(log);
-  vsim::ImportOptions o;
-  o.year = year;
-  return vsim::importLog(in, figures, o);
+  return vsim::importLog(in, figures, {4, year, ""});
 }
 
 std::vector<std::string> launchTimes(const vsim::Scenario& sc) {
   std::vector<std::string> out;
   for (const auto& e : sc.events)
-    if (e.type == EventType::Launch) out.push_back(vsim::dayTime(e.at) + " " + e.target);
+    if (e.type == vsim::EventType::Launch) out.push_back(vsim::dayTime(e.at) + " " + e.target);
   return out;
 }
 

@@ -1,5 +1,6 @@
 // The oracle's choice on small cases whose smallest set of victims is known.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Oracle.h"
@@ -8,21 +9,16 @@ namespace {
 
 using vsim::Candidate;
 
-std::vector<int> pids(const std::vector<Candidate>& victims) {
-  std::vector<int> out;
-  for (const auto& v : victims) out.push_back(v.pid);
-  return out;
-}
+MATCHER(HasPid, "") { return std::get<0>(arg).pid == std::get<1>(arg); }
 
 TEST(OracleTest, KillsTheFewestCandidatesThatCoverTheShortfall) {
-  struct Case {
+  const std::vector<Candidate> three = {{1, 10000}, {2, 40000}, {3, 90000}};
+  const struct {
     const char* what;
     std::vector<Candidate> candidates;
     int64_t shortfallKB;
     std::vector<int> victims;
-  };
-  const std::vector<Candidate> three = {{1, 10000}, {2, 40000}, {3, 90000}};
-  const Case cases[] = {
+  } cases[] = {
       {"no shortfall, no kill", three, 0, {}},
       {"a negative shortfall, no kill", three, -5000, {}},
       {"the smallest that alone covers it", three, 30000, {2}},
@@ -33,7 +29,8 @@ TEST(OracleTest, KillsTheFewestCandidatesThatCoverTheShortfall) {
       {"equal memory: the one listed first", {{7, 20000}, {5, 20000}}, 15000, {7}},
       {"no candidates", {}, 10000, {}},
   };
-  for (const Case& c : cases) EXPECT_EQ(pids(vsim::oracleVictims(c.candidates, c.shortfallKB)), c.victims) << c.what;
+  for (const auto& c : cases)
+    EXPECT_THAT(vsim::oracleVictims(c.candidates, c.shortfallKB), testing::Pointwise(HasPid(), c.victims)) << c.what;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // children are ever offered to the plug-in or signalled, and every child is
 // reaped.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -15,26 +16,16 @@
 
 namespace {
 
-using vsim::DeviceProfile;
 using vsim::ProcessPool;
-using vsim::SimDevice;
 
 // True once `pid` is no child of ours any more (reaped).
-bool reaped(pid_t pid) {
-  int status;
-  return waitpid(pid, &status, WNOHANG) == -1 && errno == ECHILD;
-}
+bool reaped(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
-std::vector<int> pids(const std::vector<PIDStats>& stats) {
-  std::vector<int> out;
-  for (const auto& s : stats) out.push_back(s.pid);
-  return out;
-}
+MATCHER_P(HasPid, pid, "") { return arg.pid == pid; }
 
 TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
   ProcessPool pool;
-  const pid_t a = pool.spawn("com.example.a");
-  const pid_t b = pool.spawn("com.example.bb");
+  const pid_t a = pool.spawn("com.example.a"), b = pool.spawn("com.example.bb");
   EXPECT_TRUE(pool.owns(a));
   EXPECT_EQ(pool.nameOf(b), "com.example.bb");
   EXPECT_EQ(pool.liveCount(), 2u);
@@ -46,8 +37,7 @@ TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
   std::vector<vsim::Death> deaths;
   while (deaths.empty()) deaths = pool.collectDeaths();
   ASSERT_EQ(deaths.size(), 1u);
-  EXPECT_EQ(deaths[0].pid, a);
-  EXPECT_EQ(deaths[0].signal, SIGKILL);
+  EXPECT_EQ(std::make_pair(deaths[0].pid, deaths[0].signal), std::make_pair(a, SIGKILL));
   EXPECT_FALSE(pool.owns(a));
   EXPECT_FALSE(pool.kill(a));  // a known-dead child is not signalled again
   EXPECT_FALSE(reaped(a));
@@ -68,9 +58,8 @@ TEST(ProcessPoolTest, KillsOnlyItsOwnChildrenAndReapsThem) {
 
 TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
   ProcessPool pool;
-  SimDevice dev(*DeviceProfile::forClass(4), pool);
-  const pid_t app = pool.spawn("com.example.app");
-  const pid_t svc = pool.spawn("svc.audio");
+  vsim::SimDevice dev(*vsim::DeviceProfile::forClass(4), pool);
+  const pid_t app = pool.spawn("com.example.app"), svc = pool.spawn("svc.audio");
   ASSERT_TRUE(dev.addProcess(app, "com.example.app", 300000, 40000, 90000, 900).has_value());
   ASSERT_TRUE(dev.addProcess(svc, "svc.audio", 30000, 5000, 0, 800).has_value());
 
@@ -81,11 +70,9 @@ TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
     EXPECT_EQ(dev.pidStats(other).pid, -1) << other;
   }
 
-  auto all = dev.pidStatsRange(-1000, 1000);
-  std::vector<int> expected = {app, svc};
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(pids(all), expected);
-  EXPECT_EQ(pids(dev.pidStatsRange(700, 850)), std::vector<int>{svc});
+  EXPECT_THAT(dev.pidStatsRange(-1000, 1000),  // in the order of their pids
+              testing::ElementsAre(HasPid(std::min(app, svc)), HasPid(std::max(app, svc))));
+  EXPECT_THAT(dev.pidStatsRange(700, 850), testing::ElementsAre(HasPid(svc)));
 
   const PIDStats s = dev.pidStats(app);
   EXPECT_EQ(std::make_tuple(s.pid, s.rssAnonSwapKB, s.rssFileKB, s.gpuKB, s.oomScoreAdj),
@@ -97,7 +84,7 @@ TEST(SimDeviceTest, OffersThePluginNothingButLiveChildrenOfThePool) {
   while (pool.collectDeaths().empty()) {
   }
   EXPECT_EQ(dev.pidStats(app).pid, -1);
-  EXPECT_EQ(pids(dev.pidStatsRange(-1000, 1000)), std::vector<int>{svc});
+  EXPECT_THAT(dev.pidStatsRange(-1000, 1000), testing::ElementsAre(HasPid(svc)));
   EXPECT_TRUE(dev.removeProcess(app));
   pool.reap();
 }

@@ -10,30 +10,18 @@
 namespace {
 
 using testing::HasSubstr;
-using vsim::EventType;
-using vsim::parseScenario;
-using vsim::ScenarioError;
 
 const char* const kMinimal = R"({
-  "name": "two apps",
-  "device": {"class": "2GB", "coldLaunchMs": 2500},
-  "samplesThreshold": 2,
+  "name": "two apps", "device": {"class": "2GB", "coldLaunchMs": 2500}, "samplesThreshold": 2,
   "services": [{"name": "svc.push", "rssSwapKB": 20000, "oomAdj": 500}],
-  "apps": [
-    {"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"], "warmLaunchMs": 120},
-    {"name": "com.b", "rssSwapKB": 90000}
-  ],
-  "events": [
-    {"at": "08:00", "type": "open", "app": "com.b"},
-    {"at": 100, "type": "service", "service": "svc.push"},
-    {"at": "08:00:30", "type": "complete", "app": "com.a", "hintType": 102},
-    {"at": "09:00", "type": "learn"}
-  ],
-  "expect": [{"launch": 1, "victims": []}]
-})";
+  "apps": [{"name": "com.a", "rssSwapKB": 150000, "ionKgslKB": 30000, "services": ["svc.push"], "warmLaunchMs": 120},
+           {"name": "com.b", "rssSwapKB": 90000}],
+  "events": [{"at": "08:00", "type": "open", "app": "com.b"}, {"at": 100, "type": "service", "service": "svc.push"},
+             {"at": "08:00:30", "type": "complete", "app": "com.a", "hintType": 102}, {"at": "09:00", "type": "learn"}],
+  "expect": [{"launch": 1, "victims": []}]})";
 
 std::string errorOf(const std::string& text) {
-  return kxtest::errorOf<ScenarioError>([&] { parseScenario(text); });
+  return kxtest::errorOf<vsim::ScenarioError>([&] { vsim::parseScenario(text); });
 }
 
 std::string withEvents(const std::string& events) {
@@ -41,7 +29,7 @@ std::string withEvents(const std::string& events) {
 }
 
 TEST(ScenarioTest, ParsesDeviceAppsAndExpandsOpenIntoItsThreeSteps) {
-  const auto sc = parseScenario(kMinimal);
+  const auto sc = vsim::parseScenario(kMinimal);
   // Launch costs: the class's figures unless the scenario gives its own.
   EXPECT_EQ(sc.device.costs.coldLaunchMs, 2500);
   EXPECT_EQ(sc.device.costs.lmkWaitMsPerMB, vsim::LaunchCosts::forClass(2)->lmkWaitMsPerMB);
@@ -53,10 +41,10 @@ TEST(ScenarioTest, ParsesDeviceAppsAndExpandsOpenIntoItsThreeSteps) {
   EXPECT_EQ(sc.service("svc.push")->oomAdj, 500);
 
   // Sorted by time: service at 100 s, then the open at 08:00 (prepare, launch, complete 2 s later), ...
-  using E = EventType;
-  std::vector<EventType> types;
+  using E = vsim::EventType;
+  std::vector<E> types;
   for (const auto& e : sc.events) types.push_back(e.type);
-  EXPECT_EQ(types, (std::vector<EventType>{E::Service, E::Prepare, E::Launch, E::Complete, E::Complete, E::Learn}));
+  EXPECT_EQ(types, (std::vector<E>{E::Service, E::Prepare, E::Launch, E::Complete, E::Complete, E::Learn}));
   EXPECT_EQ(sc.events[2].at, 8 * 3600.0);
   EXPECT_EQ(sc.events[3].at, 8 * 3600.0 + 2);
   EXPECT_EQ(sc.events[4].hintType, 102);

@@ -1,19 +1,11 @@
-// Whatever bytes a name holds, the report, its JSON and the pictures stay
-// readable and well-formed.
+// Whatever bytes a name holds, the text shown for it stays readable, and
+// well-formed inside XML.
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
-#include "Comparison.h"
-#include "Picture.h"
-#include "Report.h"
 #include "Text.h"
-#include "support/TempDir.h"
 
 namespace {
-
-using vsim::printable;
 
 TEST(TextTest, ControlAndInvalidBytesAreShownAsEscapes) {
   const std::pair<std::string, std::string> cases[] = {
@@ -25,7 +17,7 @@ TEST(TextTest, ControlAndInvalidBytesAreShownAsEscapes) {
       {"overlong\xc0\xaf", "overlong\\xC0\\xAF"},
       {"surrogate\xed\xa0\x80", "surrogate\\xED\\xA0\\x80"},
   };
-  for (const auto& [in, out] : cases) EXPECT_EQ(printable(in), out) << out;
+  for (const auto& [in, out] : cases) EXPECT_EQ(vsim::printable(in), out) << out;
   EXPECT_EQ(vsim::xmlText("a<b>&\"c'\x01"), "a&lt;b&gt;&amp;&quot;c&apos;\\x01");
 }
 

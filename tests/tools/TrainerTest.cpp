@@ -1,6 +1,7 @@
 // Fitting a model on inputs whose truth is known, and what the fitted model
 // file holds.
 
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <random>
@@ -17,26 +18,20 @@ constexpr size_t kFreeKB = 0, kCachedKB = 1, kHowMuchToKill = kVorakFeatureNames
 std::vector<vmodel::Example> examples(unsigned seed, size_t n) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> freeKB(50000, 900000), amount(-400000, 600000);
-  std::vector<vmodel::Example> out;
-  for (size_t i = 0; i < n; ++i) {
-    vmodel::Example e;
+  std::vector<vmodel::Example> out(n);
+  for (vmodel::Example& e : out) {
     e.values[kCachedKB] = 700000;
     e.values[kFreeKB] = freeKB(rng);
     e.values[kHowMuchToKill] = amount(rng);
     e.needed = e.values[kHowMuchToKill] > 0.5f * e.values[kFreeKB];
-    out.push_back(e);
   }
   return out;
 }
 
 VorakModel base() {
   VorakModel m;
-  m.set_safeload(0.2f);
-  m.set_bias(3);
-  auto& cached = (*m.mutable_features())["CachedKB"];
-  cached.set_min(0);
-  cached.set_max(1677722);
-  cached.set_weight(-0.8f);
+  EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(
+      R"(safeload: 0.2 bias: 3 features { key: "CachedKB" value { min: 0 max: 1677722 weight: -0.8 } })", &m));
   return m;
 }
 

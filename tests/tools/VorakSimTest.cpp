@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -41,8 +40,7 @@ TEST_F(VorakSim, KillsTheExpectedVictimsAndLeavesDatabasesVorakDbCanRead) {
   kxtest::Sleepers sleepers;
   const pid_t bystander = sleepers.start();
 
-  const std::string runDir = mDir.sub("run");
-  const std::string scenario = std::string(VORAK_TEST_DATA) + "/evict-one.json";
+  const std::string runDir = mDir.sub("run"), scenario = std::string(VORAK_TEST_DATA) + "/evict-one.json";
   // The scenario's victims are those of safeload 0.22, whatever the shipped model says.
   const ToolRun r = sim({scenario, "--policy", "vorak:safeload=0.22", "--run-dir", runDir});
 
@@ -149,24 +147,22 @@ TEST_F(VorakSim, ImportsAnEventLogIntoAScenarioItPlays) {
 // Broken scenarios, unusable logs, plug-ins and models, and bad usage: status
 // 2 and one line, naming the file where there is one.
 TEST_F(VorakSim, RefusesWhatItCannotPlayWithOneLine) {
-  const std::string full = slurp(std::string(VORAK_TEST_DATA) + "/evict-one.json");
-  const std::string evict = std::string(VORAK_TEST_DATA) + "/evict-one.json";
-  const std::string log = std::string(VORAK_TEST_DATA) + "/sample-events.log";
-  std::string noise;
+  const std::string data = VORAK_TEST_DATA, evict = data + "/evict-one.json", log = data + "/sample-events.log";
+  std::string noise;  // with line breaks and bytes that are no text
   for (int i = 0; i < 4096; ++i) noise += static_cast<char>((i * 7919) % 251);
   const std::string never = mDir.sub("never");
-  const struct {
-    std::vector<std::string> args;
-    std::string says;
-  } cases[] = {
-      {{mDir.write("cut.json", full.substr(0, full.size() / 2)), "--run-dir", never},
-       "vorak-sim: " + mDir.sub("cut.json")},
-      {{mDir.write("random.json", noise), "--run-dir", never}, "vorak-sim: " + mDir.sub("random.json")},
-      {{mDir.write("huge.json", R"({"seed": 1e400})"), "--run-dir", never}, "vorak-sim: " + mDir.sub("huge.json")},
-      {{mDir.write("bad.json", R"({"apps": 3})"), "--run-dir", never}, "vorak-sim: " + mDir.sub("bad.json") + ": apps"},
-      {{mDir.sub("absent.json"), "--run-dir", never}, "vorak-sim: " + mDir.sub("absent.json")},
-      {{mDir.path(), "--run-dir", never}, "vorak-sim: " + mDir.path() + ": is a directory"},
-      {{"/dev/zero", "--run-dir", never}, "vorak-sim: /dev/zero: larger than 64 MiB"},  // endless: stops at the bound
+  // A scenario file that cannot be played, and what the line says after the tool's name.
+  auto scenario = [&](const std::string& path, const std::string& says) {
+    return std::make_pair(std::vector<std::string>{path, "--run-dir", never}, "vorak-sim: " + path + says);
+  };
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      scenario(mDir.write("cut.json", slurp(evict).substr(0, 1000)), ""),
+      scenario(mDir.write("random.json", noise), ""),
+      scenario(mDir.write("huge.json", R"({"seed": 1e400})"), ""),
+      scenario(mDir.write("bad.json", R"({"apps": 3})"), ": apps"),
+      scenario(mDir.sub("absent.json"), ""),
+      scenario(mDir.path(), ": is a directory"),
+      scenario("/dev/zero", ": larger than 64 MiB"),  // endless: stops at the bound
       {{evict, "--run-dir", never, "--plugin", mDir.sub("none.so")}, "cannot load the plug-in"},
       {{evict, "--run-dir", never, "--models", mDir.path()}, "no vorak_*.data model files"},
       {{"import", log}, ""},  // its dates have no year
@@ -177,12 +173,12 @@ TEST_F(VorakSim, RefusesWhatItCannotPlayWithOneLine) {
       {{"--days", "3"}, ""}, {{"x.json", "--builtin", "week"}, ""}, {{"--device", "2"}, ""},
       {{"--builtin", "week", "--device", "3"}, ""},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.args));
-    const ToolRun r = sim(c.args);
+  for (const auto& [args, says] : cases) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    const ToolRun r = sim(args);
     EXPECT_EQ(r.code, 2);
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_THAT(r.err, HasSubstr(c.says));
+    EXPECT_THAT(r.err, HasSubstr(says));
   }
   const ToolRun help = sim({"--help"});
   EXPECT_EQ(help.code, 0);
