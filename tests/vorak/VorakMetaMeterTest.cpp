@@ -272,6 +272,19 @@ TEST_F(VorakMetaMeterTest, WithoutItsTablesNothingIsRecorded) {
   EXPECT_TRUE(storedServices(app).empty());
 }
 
+// Whatever the host's statistics throw stays inside the meter, as the record's failure.
+TEST_F(VorakMetaMeterTest, AThrowFromTheHostFailsTheRecord) {
+  struct Throwing : kxtest::FakeStats {
+    PIDStats pidStats(int) override { throw std::runtime_error("stats gone"); }
+  };
+  setServices("com.a", {"svc.a"}, {mSleepers.start()});
+  kxhost::setStatsSource(std::make_shared<Throwing>());
+  kxhost::LogCapture log;
+  EXPECT_FALSE(record(memoryMeter("com.a", 1, {1}, {1})));
+  EXPECT_EQ(log.count("Caught exception: stats gone in writeToDataBase"), 1u);
+  EXPECT_EQ(samplesOf("com.a").size(), 1u) << "the app's own sample was already written";
+}
+
 TEST_F(VorakMetaMeterTest, ThresholdMovesCollectingAndLearntNamesOnOnly) {
   std::string name = "com.a";
   const std::vector<std::pair<AppState, AppState>> transitions{{APP_STATE_COLLECTING, APP_STATE_LEARNING_DUE},
