@@ -301,35 +301,17 @@ int VorakFeature::createTable(KxDatabase<T>*& table, const std::string& fileName
 int VorakFeature::initializeAllDb() {
   std::lock_guard<std::mutex> lock(mWorkMutex);
   const char* name = mFeatureName.c_str();
-  int rc = 0;
-  if ((rc = createTable(mUserDb, "")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createMeterUserDataDb  %d - Disabling %s Feature", rc, name);
+  auto open = [&](auto*& table, const std::string& fileName, const char* what) {
+    const int rc = createTable(table, fileName);
+    if (rc != 0) KXLOGE(kModule, "Error in DB initialization - %s  %d - Disabling %s Feature", what, rc, name);
+    return rc == 0;
+  };
+  if (!open(mUserDb, "", "createMeterUserDataDb") || !open(mStartProcDb, "", "createMeterStartProcDataDb") ||
+      !open(mFavPidDb, "", "createFavoriteDataDb") || !open(mFavTimeSlotDb, "", "createFavoriteDataDb") ||
+      !open(mVorakDb, mFeatureName + ".db", "createMeterDataDb") ||
+      !open(mServiceInDb, mFeatureName + "ServiceIP.db", "createAppServiceDbInput") ||
+      !open(mServiceOutDb, mFeatureName + "ServiceOP.db", "createAppServiceDbOutput"))
     return -1;
-  }
-  if ((rc = createTable(mStartProcDb, "")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createMeterStartProcDataDb  %d - Disabling %s Feature", rc, name);
-    return -1;
-  }
-  if ((rc = createTable(mFavPidDb, "")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createFavoriteDataDb  %d - Disabling %s Feature", rc, name);
-    return -1;
-  }
-  if ((rc = createTable(mFavTimeSlotDb, "")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createFavoriteDataDb  %d - Disabling %s Feature", rc, name);
-    return -1;
-  }
-  if ((rc = createTable(mVorakDb, mFeatureName + ".db")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createMeterDataDb  %d - Disabling %s Feature", rc, name);
-    return -1;
-  }
-  if ((rc = createTable(mServiceInDb, mFeatureName + "ServiceIP.db")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createAppServiceDbInput  %d - Disabling %s Feature", rc, name);
-    return -1;
-  }
-  if ((rc = createTable(mServiceOutDb, mFeatureName + "ServiceOP.db")) != 0) {
-    KXLOGE(kModule, "Error in DB initialization - createAppServiceDbOutput  %d - Disabling %s Feature", rc, name);
-    return -1;
-  }
   if (!mUserDb || !mStartProcDb || !mFavPidDb || !mFavTimeSlotDb || !mVorakDb) {
     KXLOGE(kModule, "Error in DB initialization - Disabling Vorak Feature");
     return -1;

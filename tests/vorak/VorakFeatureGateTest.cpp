@@ -177,8 +177,8 @@ struct Refusal {
 TEST(VorakFeatureGates, EachRefusedStartUpAllocationCostsOnlyWhatNeedsIt) {
   const Refusal table[] = {
       {1, false, false, false, {kNoTables}},  // each of the five tables the feature needs
-      {3, false, false, false, {kNoTables}},
-      {5, false, false, false, {kNoTables}},
+      {2, false, false, false, {kNoTables}},  {3, false, false, false, {kNoTables}},
+      {4, false, false, false, {kNoTables}},  {5, false, false, false, {kNoTables}},
       {6, false, true, false, {kNoMeter, kNoAlgo}},  // service input
       {7, true, false, false, {kNoAction, kNoAlgo}},  // service output
       {8, false, true, true, {kNoMeter}},
