@@ -311,6 +311,9 @@ TEST_F(VorakActionTest, VorakActsOnlyInsideTheBudgetWindow) {
     EXPECT_FLOAT_EQ(a.vorak(amount), freed) << amount;
     EXPECT_EQ(killed(pid), freed > 0) << amount;
   }
+  background(30000), background(10000);
+  a.generateTaskList();
+  EXPECT_FLOAT_EQ(a.vorak(30000.5f), 40000) << "half a KB left still takes the next candidate";
 }
 
 // Only a favourite with exactly one pid row leaves the background list; the
