@@ -196,8 +196,15 @@ bool VorakAlgo::writePending(const std::string& name) {
   return false;
 }
 
+// The dumps read what they show whether or not it is shown; with the trace
+// switch on, each line goes to the debug log.
 void VorakAlgo::printFsm() {
-  for (const std::string& name : namesOf(mMeterDb)) mFeatureState.readState(name);
+  for (const std::string& name : namesOf(mMeterDb)) dumpState("printFsm", name);
+}
+
+void VorakAlgo::dumpState(const char* dump, const std::string& name) {
+  const AppState state = mFeatureState.readState(name);
+  if (traceOn()) KXLOG(ANDROID_LOG_DEBUG, kTag, "%s: %s state %d", dump, name.c_str(), static_cast<int>(state));
 }
 
 // The walk reads every name's samples as views, readAllocateDR's query
@@ -206,10 +213,12 @@ void VorakAlgo::printFsm() {
 void VorakAlgo::printDB() {
   for (const std::string& name : namesOf(mMeterDb)) {
     KxDBDataRowKey key(name, KXDB_INTCOL_UNSET);
-    mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [](KxDBDataRowView<_vorak_Meter_Data>&) {});
+    const size_t rows =
+        mMeterDb->readEachDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE, [](KxDBDataRowView<_vorak_Meter_Data>&) {});
+    if (traceOn()) KXLOG(ANDROID_LOG_DEBUG, kTag, "printDB: %s %zu samples", name.c_str(), rows);
   }
 }
 
 void VorakAlgo::printActionDB() {
-  for (const std::string& name : namesOf(mActionDb)) mFeatureState.readState(name);
+  for (const std::string& name : namesOf(mActionDb)) dumpState("printActionDB", name);
 }

@@ -40,7 +40,7 @@ class VorakAlgo : public Algo {
   // name 99 so that it is left alone until the framework resets it.
   bool writeToActionDataBase(std::string& name, long ionKgsl, long rssSwap);
 
-  // Diagnostic walks over the tables; they log nothing.
+  // Diagnostic walks over the tables, logged when tracing.
   void printFsm();
   void printDB();
   void printActionDB();
@@ -48,6 +48,7 @@ class VorakAlgo : public Algo {
  private:
   bool traceOn() const;
   bool writePending(const std::string& name);
+  void dumpState(const char* dump, const std::string& name);
 
   FeatureState& mFeatureState;
   KxDatabase<_vorak_Meter_Data>* mMeterDb;

@@ -21,6 +21,7 @@
 #include "VorakAlgo.h"
 #include "VorakFeature.h"
 #include "WallClock.h"
+#include "VorakDevice.h"
 #include "kxhost/LogCapture.h"
 #include "support/FailingAllocation.h"
 #include "support/FailingWrites.h"
@@ -160,6 +161,21 @@ TEST_F(VorakAlgoTest, SamplesGoOnlyOnceTheirLearntRowIsCommitted) {
   auto rows = learntIn(actionDb, name);
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].first, Learnt(3, 30));
+}
+
+// With the trace switch on, the dumps show each name with its state or its
+// samples: before the per-name loop, after each name, and at its end.
+TEST_F(VorakAlgoTest, DumpsShowEveryNameWhenTracing) {
+  VorakFeatureTestPeer::setTrace(*mFeature, true);
+  sample("com.a", 1, 10, 3);
+  sample("com.b", 1, 10, 2);
+  due("com.a");
+  kxhost::LogCapture log;
+  run();
+  const std::pair<const char*, size_t> dumps[] = {{"printFsm: com.a state 1", 1},   {"printFsm: com.b state 0", 2},
+                                                  {"printDB: com.b 2 samples", 3}, {"printDB: com.a", 0},
+                                                  {"printActionDB: com.a state 1", 1}};
+  for (const auto& [line, times] : dumps) EXPECT_EQ(log.count(line, ANDROID_LOG_DEBUG), times) << line;
 }
 
 TEST_F(VorakAlgoTest, DividesByTheFullCountWhenTheReadIsCapped) {

@@ -31,6 +31,7 @@ class VorakFeatureTestPeer {
   static KxDatabase<_vorak_App_Service_In>* serviceInDb(VorakFeature& f) { return f.mServiceInDb; }
   static KxDatabase<_vorak_App_Service_Out>* serviceOutDb(VorakFeature& f) { return f.mServiceOutDb; }
   static size_t queued(VorakFeature& f) { return f.mTriggerQ.size(); }
+  static void setTrace(VorakFeature& f, bool on) { f.mTraceVorak = on; }
   // Waits until the worker has dealt with everything queued so far.
   static void drain(VorakFeature& f) { f.mTriggerQ.waitIdle(); }
   // The feature owns `meter` from then on.
