@@ -386,10 +386,9 @@ bool VorakFeature::needsLearning(AsyncTriggerPayload payload) {
 void VorakFeature::forgetMeterSamples(const std::string& appName) {
   if (mVorakDb == nullptr) return;
   std::lock_guard<std::mutex> samplesLock(mSamplesMutex);
-  KxDBDataRowKey key(appName, 0);
-  auto rows = mVorakDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE);
-  if (!rows.empty()) mVorakDb->deleteAllDR(key);
-  mVorakDb->deallocateDR(rows);
+  KxDBDataRowKey key(appName, KXDB_INTCOL_UNSET);
+  VorakRowGuard<_vorak_Meter_Data> rows(mVorakDb, mVorakDb->readAllocateDR(key, 0, KXDB_ORDER_BY_NONE, KXDB_DIR_NONE));
+  if (!rows.rows().empty()) mVorakDb->deleteAllDR(key);
 }
 
 // ---------------------------------------------------------------------------
@@ -443,7 +442,7 @@ void VorakFeature::applyToUserTables(AsyncTriggerPayload& t) {
 // Creates the app's row or changes its pid; duplicates are reported and left.
 int VorakFeature::updatePIDInDB(UserDb* db, std::string& appName, int pid, const char* dbName) {
   if (db == nullptr || dbName == nullptr) return tableFailure("no table");
-  KxDBDataRowKey key(appName, 0);
+  KxDBDataRowKey key(appName, KXDB_INTCOL_UNSET);
   UserRows rows(db, {});
   if (!readAppRows(db, key, rows.rows())) return storeFailure("read failed");
   if (rows.rows().size() > 1) return duplicated(__func__, appName, dbName);
@@ -461,7 +460,7 @@ int VorakFeature::updatePIDInDB(UserDb* db, std::string& appName, int pid, const
 // Sets the pid of an app that has a row; duplicates are reported and removed.
 int VorakFeature::updateFavDB(UserDb* db, std::string& appName, int pid, const char* dbName) {
   if (db == nullptr || dbName == nullptr) return tableFailure("no table");
-  KxDBDataRowKey key(appName, 0);
+  KxDBDataRowKey key(appName, KXDB_INTCOL_UNSET);
   UserRows rows(db, {});
   if (!readAppRows(db, key, rows.rows())) return storeFailure("read failed");
   if (rows.rows().empty()) return 0;
@@ -476,7 +475,7 @@ int VorakFeature::updateFavDB(UserDb* db, std::string& appName, int pid, const c
 // Removes the app's row; duplicates are reported and removed as well.
 int VorakFeature::deleteAppFromDB(UserDb* db, std::string& appName, const char* dbName) {
   if (db == nullptr || dbName == nullptr) return tableFailure("no table");
-  KxDBDataRowKey key(appName, 0);
+  KxDBDataRowKey key(appName, KXDB_INTCOL_UNSET);
   UserRows rows(db, {});
   if (!readAppRows(db, key, rows.rows())) return storeFailure("read failed");
   if (rows.rows().empty()) return 0;

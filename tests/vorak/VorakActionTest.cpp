@@ -291,14 +291,14 @@ TEST_F(VorakActionTest, OnlyTheProcessThatWasListedIsSignalled) {
 
 TEST_F(VorakActionTest, VorakPausesBeforeEveryFifthKill) {
   std::vector<pid_t> pids;
-  for (int i = 0; i < 6; ++i) pids.push_back(background(10000));
+  for (int i = 0; i < 10; ++i) pids.push_back(background(10000));
   VorakAction& a = action();
   a.generateTaskList();
-  EXPECT_FLOAT_EQ(a.vorak(50000), 50000);
-  EXPECT_EQ(killOrder(mLog).size(), 5u);
-  EXPECT_EQ(gKillsAtPause, std::vector<size_t>{4});
+  EXPECT_FLOAT_EQ(a.vorak(90000), 90000);
+  EXPECT_EQ(killOrder(mLog).size(), 9u);
+  EXPECT_EQ(gKillsAtPause, (std::vector<size_t>{4, 8}));
   EXPECT_EQ(gPauseUs, 10000u);
-  EXPECT_EQ(std::count_if(pids.begin(), pids.end(), [this](pid_t pid) { return killed(pid); }), 5);
+  EXPECT_EQ(std::count_if(pids.begin(), pids.end(), [this](pid_t pid) { return killed(pid); }), 9);
 }
 
 // Both ends of the window, which generated launches hardly ever hit.
