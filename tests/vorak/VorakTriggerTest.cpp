@@ -274,6 +274,8 @@ TEST_F(VorakWorker, TableOperationsFailWithoutATableOrAWritableStore) {
   EXPECT_EQ(mFeature->updatePIDInDB(mUser, a, 1, nullptr), -1);
   EXPECT_EQ(values(mUser, a), Ints{});
   EXPECT_EQ(mFeature->updatePIDInDB(mUser, b, 1, "User"), 0);
+  EXPECT_EQ(mFeature->updateFavDB(mUser, a, 1, "FavoritePID"), 0) << "no row: nothing to do";
+  EXPECT_EQ(mFeature->deleteAppFromDB(mUser, a, "User"), 0);
 
   if (!kxtest::storeReportsFailedWrites()) GTEST_SKIP() << "needs the store's failure reporting";
   VorakFeature::UserDb db(100, "Failing.db", "Vorak");
