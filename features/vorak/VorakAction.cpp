@@ -352,11 +352,10 @@ float VorakAction::vorak(float memoryToGenerate) {
   int kills = 0;
   // Active services are looked for among the background processes only;
   // favourites and user-launched candidates are applications.
+  // Each pass stops as soon as nothing remains to free.
   killFrom(mBackgroundList, true, nullptr, remaining, freed, kills);
-  if (remaining > 0) {
-    killFrom(mFavoriteList, false, "Fav", remaining, freed, kills);
-    killFrom(mUserLaunchedList, false, "User", remaining, freed, kills);
-  }
+  killFrom(mFavoriteList, false, "Fav", remaining, freed, kills);
+  killFrom(mUserLaunchedList, false, "User", remaining, freed, kills);
   return freed;
 }
 
@@ -364,8 +363,8 @@ float VorakAction::decideKill(std::string appName) {
   const bool trace = traceOn();
 
   // The app's learnt needs, narrowed to 32 bits as the model was fitted on.
-  int killsafeANON = 0;
-  int killsafeUNRECLAIM = 0;
+  int killsafeANON{};  // both set by the first learnt row, which any use follows
+  int killsafeUNRECLAIM{};
   bool first = true;
   const size_t learnt = eachRow(mActionDb, appName, [&](KxDBDataRowView<_vorak_Feature_Action_Data>& row) {
     if (!first) return;

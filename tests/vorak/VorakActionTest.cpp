@@ -472,10 +472,13 @@ TEST_F(VorakActionTest, LaunchSeedsFavouritesOnlyWhenNothingIsKnown) {
 // spared.
 TEST_F(VorakActionTest, ServicePassTakesUpTheShortfallWhereTheFirstPassStopped) {
   // Budget 100000, more than the candidates hold: the spared service, the
-  // background processes, then the slot's favourite.
-  const pid_t service = background(200000), fav = background(15000);
+  // background processes, then the slot's favourite and the user's app,
+  // which are killed although they run services too.
+  const pid_t service = background(200000), fav = background(15000), user = background(5000);
   for (long kb : {30000L, 20000L}) background(kb);
-  kxhost::ServiceRegistry::instance().setServicePid("vendor.media", service);
+  for (auto [name, pid] : {std::pair{"vendor.media", service}, {"vendor.fav", fav}, {"vendor.user", user}})
+    kxhost::ServiceRegistry::instance().setServicePid(name, pid);
+  putPid(mStartProc, "com.user", user);
   putServices("com.short", {"vendor.media", "vendor.hal"});
   putSlot("week_end_1", "com.fav");
   putPid(mFavPid, "com.fav", fav);
@@ -487,11 +490,11 @@ TEST_F(VorakActionTest, ServicePassTakesUpTheShortfallWhereTheFirstPassStopped) 
   a.applyAction(hint(4225, 2, "com.short"));
   EXPECT_TRUE(mLog.contains(
       "(appName,hintID,memoryToGenerate,memoryGenerated, surplusMemory) = (com.short ,4225, 100000.000000, "
-      "65000.000000, -35000.000000)"));
-  // The second pass wants the 35000 still missing, finds the lists used up
+      "70000.000000, -30000.000000)"));
+  // The second pass wants the 30000 still missing, finds the lists used up
   // and kills nothing more; the shortfall stands.
   EXPECT_TRUE(mLog.contains("(Service - appName,hintID,memoryToGenerate,memoryGenerated, surplusServiceMemory) = "
-                            "(com.short ,4225, 35000.000000, 0.000000, -35000.000000)"));
+                            "(com.short ,4225, 30000.000000, 0.000000, -30000.000000)"));
   EXPECT_EQ(a.appServicePids(), std::unordered_set<int>{service});
   a.updateAppServices("com.other");  // the next app's set starts empty
   EXPECT_TRUE(a.appServicePids().empty());
