@@ -33,6 +33,19 @@ class KxBusyHandler {
   void install(sqlite3* db) { sqlite3_busy_handler(db, &onBusy, this); }
   void setLimitMs(int ms) { mLimitMs.store(ms, std::memory_order_relaxed); }
 
+  // The open's bound for as long as it lives, the background one after it,
+  // whichever way the open ends.
+  class OpenWait {
+   public:
+    explicit OpenWait(KxBusyHandler& busy) : mBusy(busy) { mBusy.setLimitMs(kOpenWaitMs); }
+    ~OpenWait() { mBusy.setLimitMs(kWaitMs); }
+    OpenWait(const OpenWait&) = delete;
+    OpenWait& operator=(const OpenWait&) = delete;
+
+   private:
+    KxBusyHandler& mBusy;
+  };
+
   // Sleeps the pause that follows `attempt` earlier ones; false, without
   // sleeping, once the pauses have used up the bound.
   bool pause(int attempt);

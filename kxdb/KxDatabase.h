@@ -174,12 +174,10 @@ kxdbError KxDatabase<T>::openKxdb() {
   Operation op(__func__, this->mTableName, mRefusalLogged);
   bool opened = false;
   op.guard(Operation::Thrown::kCaughtException, [&] {
-    if (namesUsable(op)) {
-      mBusy.setLimitMs(kxdb::KxBusyHandler::kOpenWaitMs);
-      opened = openChecked(op) && createTable(op) == KXDB_SUCCESS;
-    }
+    if (!namesUsable(op)) return;
+    const kxdb::KxBusyHandler::OpenWait openWait(mBusy);
+    opened = openChecked(op) && createTable(op) == KXDB_SUCCESS;
   });
-  mBusy.setLimitMs(kxdb::KxBusyHandler::kWaitMs);
   if (opened) return KXDB_SUCCESS;
   // A store that did not open completely is left closed, so that its
   // operations do nothing instead of failing one by one.
