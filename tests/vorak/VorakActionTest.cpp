@@ -188,6 +188,7 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
       {"safeload NaN", ordinaryStats(), 300000, 100000, NAN, NAN, 0, true},
       // 0.25 * 3860000 - (1355000 - 390001): the least budget that is passed on.
       {"one KB", ordinaryStats(), 290001, 100000, 0.25f, 1, 1, true},
+      {"zero", ordinaryStats(), 290000, 100000, 0.25f, 0, 0, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -201,6 +202,9 @@ TEST_F(VorakActionTest, DecideKillFollowsHandComputedBudgets) {
     std::snprintf(report, sizeof(report), "(appName,memToGenerate) = (%s, %f)", c.what, c.howMuchToKill);
     EXPECT_EQ(mLog.count(c.reported ? report : "We need not kill here."), 1u);
   }
+  VorakAction& a = action(0.375f);
+  for (int64_t rssSwap : {300000, 1500000}) learn(a, "twice", rssSwap, 100000);
+  EXPECT_FLOAT_EQ(a.decideKill("twice"), 492500) << "the first learnt row counts";
 }
 
 // Every model input, from a record whose figures all differ (each zone's
@@ -343,6 +347,9 @@ TEST_F(VorakActionTest, FavouritesNeedOnePidRowAndTheSlotsFirstRow) {
   a.generateTaskList();
   EXPECT_TRUE(a.favoriteList().empty());
   EXPECT_EQ(mLog.count("Couldnt get current week_day and tim_slot info. Return empty string to not kill Fav Apps."), 1u);
+  std::string slot;
+  EXPECT_EQ(a.getWeekdayTimeslot(slot), -1);
+  EXPECT_EQ(slot, "");
 }
 
 // The host's background range is 700 to 1000, both bounds included.
