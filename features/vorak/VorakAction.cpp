@@ -429,14 +429,13 @@ int VorakAction::getWeekdayTimeslot(std::string& slotKey) {
   return 0;
 }
 
-bool VorakAction::moveFromBackground(int pid, CandidateList& to) {
+void VorakAction::moveFromBackground(int pid, CandidateList& to) {
   // The first listed entry of the pid, as a multimap keyed by pid would
   // find it; an entry moved once is not moved again.
   const auto it = std::lower_bound(mByPid.begin(), mByPid.end(), std::make_pair(pid, size_t{0}));
-  if (it == mByPid.end() || it->first != pid || mMoved[it->second]) return false;
+  if (it == mByPid.end() || it->first != pid || mMoved[it->second]) return;
   mMoved[it->second] = true;
   mMoves.emplace_back(it->second, &to);
-  return true;
 }
 
 void VorakAction::generateTaskList() {

@@ -99,9 +99,9 @@ class VorakAction : public Action, public VorakCheckedArithmetic {
   void loadModel();
   bool traceOn() const;
   // Marks the listed entry of `pid` to go into `to` instead of the
-  // background list, keeping its memory key; false when no entry of the
-  // background list has that pid.
-  bool moveFromBackground(int pid, CandidateList& to);
+  // background list, keeping its memory key; a pid not listed, or moved
+  // already, stays where it is.
+  void moveFromBackground(int pid, CandidateList& to);
   // One phase of the kill loop over `list`; `what` is the kill report.
   void killFrom(CandidateList& list, bool spareProtected, const char* phase, float& remaining,
                 float& freed, int& kills);
