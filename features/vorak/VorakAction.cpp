@@ -449,9 +449,8 @@ void VorakAction::generateTaskList() {
   // taken out of a multimap and put into another would be ordered.
   mListed = StatsProvider::getPIDStatsRange(kBackgroundMinAdj, kBackgroundMaxAdj);
   const size_t n = mListed.size();
-  mByPid.clear();
-  mByPid.reserve(n);
-  for (size_t i = 0; i < n; ++i) mByPid.emplace_back(mListed[i].pid, i);
+  mByPid.resize(n);
+  for (size_t i = 0; i < n; ++i) mByPid[i] = {mListed[i].pid, i};
   if (!std::is_sorted(mByPid.begin(), mByPid.end())) std::sort(mByPid.begin(), mByPid.end());
   mMoved.assign(n, false);
   mMoves.clear();
@@ -503,7 +502,6 @@ void VorakAction::generateTaskList() {
     moveFromBackground(row.blob().value, mUserLaunchedList);
   });
 
-  mBackgroundList.reserve(n - mMoves.size());
   for (size_t i = 0; i < n; ++i) {
     if (!mMoved[i]) mBackgroundList.add(memoryOf(mListed[i]), mListed[i].pid);
   }
