@@ -335,6 +335,7 @@ TEST_F(VorakActionTest, FavouritesNeedOnePidRowAndTheSlotsFirstRow) {
   EXPECT_EQ(mLog.count("There is some problem with FavTimeSlotDb as it has > 1 entries for current Time Slot."), 1u);
   EXPECT_EQ(mLog.count("The App (n) entry is missing from FavPID DB"), 1u);
   EXPECT_EQ(mLog.count("There is some problem with App = (com.dup) as it has > 1 entries in FavPID DB."), 1u);
+  EXPECT_EQ(mLog.count("> 1 entries in FavPID DB."), 1u) << "the empty name between '//' is no app";
   EXPECT_EQ(mLog.count("entry is missing"), 1u);
   ASSERT_EQ(a.favoriteList().size(), 1u);
   EXPECT_EQ(a.favoriteList().begin()->second, fav);
