@@ -480,7 +480,7 @@ void VorakAction::generateTaskList() {
     }
 
     for (const std::string& app : favorites) {
-      int pid = 0;
+      int pid{};  // read only when the app has exactly one row, which set it
       const size_t rows =
           eachRow(mFavPidDb, app, [&](KxDBDataRowView<_vorak_User_Launched_Data>& row) { pid = row.blob().value; });
       if (rows == 0) {

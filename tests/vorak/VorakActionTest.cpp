@@ -504,6 +504,7 @@ TEST_F(VorakActionTest, ServicePassTakesUpTheShortfallWhereTheFirstPassStopped) 
   EXPECT_TRUE(mLog.contains("(Service - appName,hintID,memoryToGenerate,memoryGenerated, surplusServiceMemory) = "
                             "(com.short ,4225, 30000.000000, 0.000000, -30000.000000)"));
   EXPECT_EQ(a.appServicePids(), std::unordered_set<int>{service});
+  EXPECT_EQ(mLog.count("FavTimeSlotDb"), 0u) << "one row for the slot is no problem";
   a.updateAppServices("com.other");  // the next app's set starts empty
   EXPECT_TRUE(a.appServicePids().empty());
 }
