@@ -507,6 +507,11 @@ TEST_F(VorakActionTest, ServicePassTakesUpTheShortfallWhereTheFirstPassStopped) 
   EXPECT_EQ(mLog.count("FavTimeSlotDb"), 0u) << "one row for the slot is no problem";
   a.updateAppServices("com.other");  // the next app's set starts empty
   EXPECT_TRUE(a.appServicePids().empty());
+  const pid_t extra = background(1000);
+  kxhost::ServiceRegistry::instance().setServicePid("vendor.extra", extra);
+  putServices("com.two", {"vendor.media", "vendor.extra"});
+  a.updateAppServices("com.two");
+  EXPECT_EQ(a.appServicePids(), (std::unordered_set<int>{service, extra}));
 }
 
 }  // namespace
