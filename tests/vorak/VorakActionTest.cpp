@@ -505,6 +505,8 @@ TEST_F(VorakActionTest, ServicePassTakesUpTheShortfallWhereTheFirstPassStopped) 
                             "(com.short ,4225, 30000.000000, 0.000000, -30000.000000)"));
   EXPECT_EQ(a.appServicePids(), std::unordered_set<int>{service});
   EXPECT_EQ(mLog.count("FavTimeSlotDb"), 0u) << "one row for the slot is no problem";
+  a.clearAllMaps();
+  EXPECT_TRUE(a.appServicePids().empty() && a.protectedPids().empty());
   a.updateAppServices("com.other");  // the next app's set starts empty
   EXPECT_TRUE(a.appServicePids().empty());
   const pid_t extra = background(1000);
