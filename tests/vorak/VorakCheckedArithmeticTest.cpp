@@ -70,6 +70,7 @@ TEST(VorakCheckedAdd, Pairs) {
       {"past float max", 2e9f, 2e9f, -1.0f, 0.0f},
       {"float limit is 2^31, not 2^31-1", 2147483520.0f, 128.0f, 2147483648.0f, 2147483648.0f},
       {"past the limit from below one", 1.0f, 2147483904.0f, -1.0f, 0.0f},
+      {"a positive first argument is never too low", 0.5f, -2147483904.0f, -2147483904.0f, -2147483904.0f},
       {"marker as second argument", 1.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", 2.0f, -3.0f, -1.0f, 0.0f},
   };
@@ -169,6 +170,7 @@ TEST(VorakCheckedMult, Products) {
       {"positive by negative reaches min exactly", 2.0f, -1073741824.0f, -2147483648.0f, -2147483648.0f},
       {"negative by positive reaches min exactly", -1073741824.0f, 2.0f, -2147483648.0f, -2147483648.0f},
       {"negative by a fraction past min", -5e9f, 0.5f, -1.0f, 0.0f},
+      {"a fraction by negative past min", 0.5f, -5e9f, -1.0f, 0.0f},
       {"zero by negative", 0.0f, -2.0f, 0.0f, 0.0f},
       {"marker as second argument", 2.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", -0.5f, 2.0f, -1.0f, 0.0f},
