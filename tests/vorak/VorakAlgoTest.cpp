@@ -25,6 +25,7 @@
 #include "kxhost/LogCapture.h"
 #include "support/FailingAllocation.h"
 #include "support/FailingWrites.h"
+#include "kxdb/KxFailFast.h"
 #include "support/PutRows.h"
 #include "support/TempDir.h"
 
@@ -145,11 +146,17 @@ TEST_F(VorakAlgoTest, SamplesGoOnlyOnceTheirLearntRowIsCommitted) {
   sample(name, 4, 40, 2);
   due(name);
   {
-    kxtest::FailingWrites failing("Vorakaction.db");
+    // Another process holds the file: the row stays cached for the next write-back.
+    sqlite3* other = nullptr;
+    const std::string path = kxhost::devicePath("/data/vendor/kx/Vorakaction.db");
+    sqlite3_open_v2(path.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    kxdb::FailFastScope noWaiting;
     kxhost::LogCapture log;
     EXPECT_FALSE(algo.learnPerApp(name)) << "the row's write-back fails";
     EXPECT_FALSE(algo.learnPerApp(name)) << "the row still waiting cannot be written";
-    EXPECT_EQ(log.count("could not store the learnt row of com.a: writeCachedDRToDisk: "), 2u);
+    EXPECT_EQ(log.count("could not store the learnt row of com.a: writeCachedDRToDisk: database is locked"), 2u);
+    sqlite3_close_v2(other);
   }
   EXPECT_EQ(samples(name), 2);
   EXPECT_EQ(mState.readState(name), APP_STATE_LEARNING_DUE);
