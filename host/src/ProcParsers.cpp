@@ -62,7 +62,6 @@ class Words {
     }
   }
   size_t size() const { return mCount; }
-  bool empty() const { return mCount == 0; }
   // Empty beyond the words kept.
   std::string_view operator[](size_t i) const { return i < kMax ? mWords[i] : std::string_view(); }
 

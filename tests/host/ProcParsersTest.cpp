@@ -59,6 +59,8 @@ TEST(ProcParsers, StatusKeepsBlanksInTheNameAndNeedsOne) {
   ASSERT_TRUE(kxhost::parseProcStatus("Name:\tWeb Content\nRssFile:\t  12 kB\n", &status, &error)) << error;
   EXPECT_EQ(status.name, "Web Content");
   EXPECT_EQ(status.rssFileKB, 12u);
+  ASSERT_TRUE(kxhost::parseProcStatus("Name:x\n", &status, &error)) << error;
+  EXPECT_EQ(status.name, "x");
 
   EXPECT_FALSE(kxhost::parseProcStatus("Name\nRssFile:\t  12 kB\n", &status, &error));
   EXPECT_EQ(error, "no Name line");
@@ -102,6 +104,9 @@ TEST(ProcParsers, RefusalsQuoteTheFileOnOneLine) {
   EXPECT_EQ(error, "line 1: value of Buffers is not a number: '12\\x7f\\xff'");
   EXPECT_FALSE(kxhost::parseMeminfo("MemTotal: 1 kB\n: 2 kB\n", &mem, &error));
   EXPECT_EQ(error, "line 2: expected 'Key: value [kB]', got ': 2 kB'");
+  kxhost::ZoneInfo zones;
+  EXPECT_FALSE(kxhost::parseZoneinfo("Node 0, zona Normal\n", &zones, &error));
+  EXPECT_EQ(error, "line 1: expected 'Node N, zone NAME', got 'Node 0, zona Normal'");
 }
 
 }  // namespace
