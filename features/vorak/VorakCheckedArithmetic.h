@@ -204,15 +204,10 @@ class VorakCheckedArithmetic {
         if (intLess(b, kIntMax / static_cast<int64_t>(a))) return marker<T>();
       }
       // The product is formed in single precision: beyond 2^24 its low digits
-      // are lost, which the figures tolerate. A 64-bit unsigned factor
-      // contributes its low 32 bits.
-      float bf;
-      if constexpr (std::is_unsigned_v<B> && sizeof(B) == 8) {
-        bf = static_cast<float>(static_cast<uint32_t>(b));
-      } else {
-        bf = static_cast<float>(b);
-      }
-      return truncateTo<T>(static_cast<float>(a) * bf);
+      // are lost, which the figures tolerate. A 64-bit unsigned factor is
+      // below 2^32 here (larger ones failed the tests above unless a is 0),
+      // so it is its own low 32 bits.
+      return truncateTo<T>(static_cast<float>(a) * static_cast<float>(b));
     }
   }
 };
