@@ -71,6 +71,7 @@ TEST(VorakCheckedAdd, Pairs) {
       {"float limit is 2^31, not 2^31-1", 2147483520.0f, 128.0f, 2147483648.0f, 2147483648.0f},
       {"past the limit from below one", 1.0f, 2147483904.0f, -1.0f, 0.0f},
       {"a positive first argument is never too low", 0.5f, -2147483904.0f, -2147483904.0f, -2147483904.0f},
+      {"nor is zero", 0.0f, -3e9f, -3e9f, -3e9f},
       {"marker as second argument", 1.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", 2.0f, -3.0f, -1.0f, 0.0f},
   };
@@ -88,6 +89,7 @@ TEST(VorakCheckedAdd, MixedTypesAndLongerSums) {
   EXPECT_EQ(A::checkOverflowAndAdd(1, kU64Marker), 0);
   EXPECT_EQ(A::checkAndAdd(u64{10}, -3), u64{7});
   EXPECT_EQ(A::checkOverflowAndAdd(u64{10}, -1), u64{0});
+  EXPECT_EQ(A::checkAndAdd(2147483647, u64{0}), 2147483647) << "an unsigned zero at the limit";
   EXPECT_EQ(A::checkAndAdd(u64{2147483000}, 648), kU64Marker);
   EXPECT_EQ(A::checkAndAdd(1.5f, i64{-1}), -1.0f);
   EXPECT_EQ(A::checkOverflowAndAdd(2147483000.0f, i64{1000}), 0.0f);
@@ -171,6 +173,7 @@ TEST(VorakCheckedMult, Products) {
       {"negative by positive reaches min exactly", -1073741824.0f, 2.0f, -2147483648.0f, -2147483648.0f},
       {"negative by a fraction past min", -5e9f, 0.5f, -1.0f, 0.0f},
       {"a fraction by negative past min", 0.5f, -5e9f, -1.0f, 0.0f},
+      {"both negative reach the float limit exactly", -1.0f, -2147483648.0f, 2147483648.0f, 2147483648.0f},
       {"zero by negative", 0.0f, -2.0f, 0.0f, 0.0f},
       {"marker as second argument", 2.0f, -1.0f, -1.0f, 0.0f},
       {"genuine -1 result", -0.5f, 2.0f, -1.0f, 0.0f},
