@@ -51,6 +51,9 @@ TEST_F(KxDatabaseTest, AllocationIsCappedAtOneHundredRowsWithAWarning) {
   EXPECT_EQ(rows.size(), 100u);
   EXPECT_EQ(log.count("Dbt=Vorak Restrict reqCnt to 100\n", ANDROID_LOG_WARN), 1u);
   EXPECT_EQ(mDb.deallocateDR(rows), 100);
+  rows = mDb.allocateDR(100);
+  EXPECT_EQ(mDb.deallocateDR(rows), 100);
+  EXPECT_EQ(log.count("Restrict reqCnt"), 1u) << "a hundred rows are no restriction";
   EXPECT_TRUE(mDb.allocateDR(0).empty());
 }
 
