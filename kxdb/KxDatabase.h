@@ -412,7 +412,9 @@ void KxDatabase<T>::fillRow(Row* row, sqlite3_stmt* stmt) {
 
 template <typename T>
 std::string KxDatabase<T>::keyedStatement(const char* head, KxDBDataRowKey& key) {
+  // One allocation for the statement and its clause: every query builds one.
   std::string sql;
+  sql.reserve(std::strlen(head) + this->mTableName.size() + 64 + key.appName.size() + key.rsvdName.size());
   sql += head;
   sql += this->mTableName;
   sql += ' ';

@@ -502,6 +502,7 @@ void VorakAction::generateTaskList() {
     moveFromBackground(row.blob().value, mUserLaunchedList);
   });
 
+  mBackgroundList.reserve(n - mMoves.size());
   for (size_t i = 0; i < n; ++i) {
     if (!mMoved[i]) mBackgroundList.add(memoryOf(mListed[i]), mListed[i].pid);
   }

@@ -18,6 +18,7 @@ class VorakCandidateList {
   using const_iterator = std::vector<Entry>::const_iterator;
 
   void clear() { mEntries.clear(); }
+  void reserve(size_t n) { mEntries.reserve(n); }
   // Appends an entry after every other one; sortByMemory() then puts it in
   // place. Adding and then sorting is what a multimap's insertions do.
   void add(long memoryKB, int pid) { mEntries.emplace_back(memoryKB, pid); }
